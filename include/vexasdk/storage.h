@@ -1,0 +1,162 @@
+/*
+ * Persistent storage: raw named partitions and vendor storage, the U-Boot
+ * environment, rescue backup and restore, upgrade flags and factory reset.
+ */
+#ifndef VEXASDK_STORAGE_H
+#define VEXASDK_STORAGE_H
+
+#include <stdint.h>
+
+#include "vexasdk/export.h"
+
+VEXA_EXTERN_C_BEGIN
+
+/* ---- Block partitions and vendor storage ---- */
+
+/* ---- end of block partitions and vendor storage ---- */
+
+/* ---- U-Boot environment ---- */
+
+/*
+ * The U-Boot environment store over one module-wide object; the same store as
+ * the C++ class Ubootenv (vexasdk/Ubootenv.h), which documents the partition
+ * and its rules. Variables are named with the prefix "ubootenv.var." (the
+ * partition stores them without it). These functions print their messages on
+ * standard output, not to the system log.
+ *
+ * Only the ubootenv_* functions are exported. The store's lower operations
+ * (init, save, get_value, set_value, is_env, read_partition_data, ...) stay
+ * inside the library: names that short would collide with a caller's own.
+ *
+ * Errors: ubootenv_init returns 0, -2 (no device or no copy could be read) or
+ * -3 (MEMGETINFO failed); ubootenv_update_value returns 0 (unchanged or
+ * saved), -1 (not initialised), -2 (not a variable) or the last save result
+ * (-1 open, -2 erase, -3 write, -4 MEMGETINFO, -5 memory, -6 read-back, -7
+ * seek failed).
+ *
+ * Threads: a mutex guards ubootenv_update_value, ubootenv_get_value and
+ * ubootenv_reinit. Call ubootenv_init and ubootenv_destroy while no other
+ * thread uses the store. A returned value points into the store: it stays
+ * valid until ubootenv_reinit or ubootenv_destroy, and its text changes in
+ * place when the same variable is updated.
+ */
+
+/* "ubootenv.var.": the prefix of every variable name. */
+VEXA_API extern const char *const PROFIX_UBOOTENV_VAR;
+
+/* Picks the environment device and reads it; 0, -2 or -3. */
+VEXA_API int32_t ubootenv_init(void);
+/* Frees the image and every entry; the store is uninitialised afterwards. */
+VEXA_API void ubootenv_destroy(void);
+/* Sets the prefixed variable name to value and writes both copies. */
+VEXA_API int32_t ubootenv_update_value(const char *name, const char *value);
+/* The value of the prefixed variable name, or null (owned by the store). */
+VEXA_API const char *ubootenv_get_value(const char *name);
+/* Prints every entry on standard output. */
+VEXA_API void ubootenv_print_values(void);
+/* Writes every entry to fd as "[ubootenv] key: [K], value: [V]\n"; returns
+ * the last write's result. */
+VEXA_API int32_t ubootenv_dump(int32_t fd);
+/* Frees everything and reads the partition again; 0. */
+VEXA_API int32_t ubootenv_reinit(void);
+
+/* ---- end of U-Boot environment ---- */
+
+/* ---- Rescue backup and restore ---- */
+
+/*
+ * The reserve partition "/dev/block/mmcblk2p22", mounted on "/Reserve0",
+ * keeps a rescue copy of the settings ("/Reserve0/RescueParty"), a preset
+ * program directory ("/Reserve0/perProgram"), copies of caller-chosen
+ * directories, and the flag file "/Reserve0/flag.hex":
+ *   byte 0      backup state: 0x55 while a backup is written, 0xAA once done
+ *   byte 1      recover tab (restore request); 1 and 2 are answered once
+ *   byte 2      restore counter (8-bit, wraps)
+ *   bytes 3-34  backup time: seconds since 1970 as decimal text, NUL-padded
+ *   byte 35     restore-screen tab
+ * Each call mounts the partition (most retry once) and releases it before
+ * returning. The library never changes the caller's working directory: where
+ * the backup "changes into" a directory it checks that it could.
+ *
+ * Errors: as listed per function; messages go to the log under the tag
+ * "vexa_system_bi_rescue". Directory paths that reach shell commands and
+ * hold shell metacharacters are refused with -1.
+ *
+ * Threads: only bi_rescue_get_backup_time takes a lock. Do not run two of the
+ * others at once: they share the mount point.
+ */
+
+/* Writes a new settings backup and stamps the time; 0, -1, or the mount error. */
+VEXA_API int32_t bi_rescue_backup_data(void);
+/* Applies the settings backup, copies the FPGA register data to the screen
+ * partition, counts the restore, clears the recover tab and restarts the
+ * board; 0 when the restart did not happen at once, -1, or the mount error. */
+VEXA_API int32_t bi_rescue_restore_data(void);
+/* Copies ".../HWFPGAConfig/fpgaRegData.hex" (at most 1 MiB; larger files are
+ * refused) to offset 0 of "/dev/block/by-name/screen"; 0 or -1. */
+VEXA_API int32_t bi_rescue_save_fpga_parameter_to_emmc(void);
+/* Flag byte 0 (0x55 or 0xAA after a backup), -1, or the mount error. */
+VEXA_API int32_t bi_rescue_get_data_status(void);
+/* Copies the 32-byte backup-time field into buf (len at least 32; the text is
+ * always NUL-terminated within the buffer); 0, -1 bad buffer, -2 read failed. */
+VEXA_API int32_t bi_rescue_get_backup_time(char *buf, int32_t len);
+/* Flag byte 1; a value of 1 or 2 is reset to 0 once read. -1 on failure. */
+VEXA_API int32_t bi_rescue_get_recover_tab(void);
+/* Flag byte 2, or -1. */
+VEXA_API int32_t bi_rescue_get_recover_num(void);
+/* Flag byte 35, or -1. */
+VEXA_API int32_t bi_rescue_get_restore_screen_tab(void);
+/* Store the low byte of value in flag byte 1 / 35; 0, -1 write failed, -2
+ * unmount failed, or the mount error. */
+VEXA_API int32_t bi_rescue_set_recover_tab(uint32_t value);
+VEXA_API int32_t bi_rescue_set_restore_screen_tab(uint32_t value);
+/* Replaces "/Reserve0/perProgram" with a copy of src; the unmount's result,
+ * -1 old copy cannot be removed (or src unsafe), -2 src null or missing. */
+VEXA_API int32_t bi_rescue_save_prestore_program(const char *src);
+/* Copies "/Reserve0/perProgram" into dst (created when missing); 0 or -1. */
+VEXA_API int32_t bi_rescue_recover_prestore_program(const char *dst);
+/* Copies each directory of paths (count entries, each shorter than 128
+ * characters) to "/Reserve0/RescueParty" + path; 0 or -1. Mounts nothing: the
+ * reserve partition must be mounted already. */
+VEXA_API int32_t bi_rescue_backup_custom_data(const char **paths, int32_t count);
+/* Copies each "/Reserve0/RescueParty" + path back to path, stopping at the
+ * first path without a backup (-1; earlier ones stay restored); 0 or -1. */
+VEXA_API int32_t bi_rescue_restore_custom_data(const char **paths, int32_t count);
+
+/* ---- end of rescue backup and restore ---- */
+
+/* ---- Upgrade flags and factory reset ---- */
+
+/*
+ * Marks for the next boot and the update service. Messages go to the log
+ * under the tag "vexa_system_bi_misc".
+ *
+ * Errors: as listed per function. Threads: no shared state beyond the files
+ * and properties they write; no locking.
+ */
+
+/* Writes the recovery command file "/cache/recovery/command" (--wipe_cache,
+ * --wipe_data, --reason=WipeAllFlash; 47 bytes), then runs
+ * "/system/bin/reboot recovery". Mode 1 (screen backup) is not supported and
+ * is logged. 0; -1 command file cannot be opened; -2 write failed. */
+VEXA_API int32_t bi_restore_factory_setting(uint32_t mode);
+/* Non-zero: "persist.upgrade.flag" = "demote" and "persist.upgrade.version" =
+ * "ro.build.version.incremental" without a leading v/V (-1 when the version
+ * reads empty). Zero: "persist.upgrade.flag" = "false". */
+VEXA_API int32_t bi_set_system_downgrade_flag(uint32_t flag);
+/* 1 when "persist.upgrade.flag" is exactly "demote", 0 otherwise, -1 when it
+ * reads empty. */
+VEXA_API int32_t bi_get_system_downgrade_flag(void);
+/* Removes the three picture-quality data files under "/mnt/vendor/param/pq";
+ * 0 when all were removed, -1 when any removal failed. */
+VEXA_API int32_t bi_reset_ssmdata(void);
+/* Logs and returns 0; removes nothing. */
+VEXA_API int32_t bi_demote_clean_files(void);
+/* 1 for 1920x1080, 3840x2160 and 1280x720 at 60 Hz, else 0. */
+VEXA_API int32_t bi_get_res_beable_hdr(uint32_t width, uint32_t height, uint32_t rate);
+
+/* ---- end of upgrade flags and factory reset ---- */
+
+VEXA_EXTERN_C_END
+
+#endif

@@ -1,0 +1,21 @@
+// Guard for text that is pasted into a shell command.
+#ifndef VEXA_PLATFORM_SHELL_H
+#define VEXA_PLATFORM_SHELL_H
+
+#include <initializer_list>
+
+namespace vexa {
+
+// True when text holds only characters that the shell takes literally inside
+// one word: letters, digits and "_-./,:=+@%". Null or empty text is not safe.
+bool shell_word_safe(const char *text);
+
+// Checks every argument with shell_word_safe. On the first unsafe one logs
+// ERROR "<func>: refusing shell metacharacters in \"<arg>\"" under tag and
+// returns false; the caller then runs nothing and returns -1.
+bool shell_args_safe(const char *tag, const char *func,
+                     std::initializer_list<const char *> args);
+
+} // namespace vexa
+
+#endif

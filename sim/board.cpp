@@ -1,0 +1,657 @@
+// The virtual board: attaching, building, state files and the Board API.
+#include "sim/board.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+#include "sim/state.h"
+
+namespace fs = std::filesystem;
+
+namespace vexa::sim {
+
+namespace {
+
+struct Hook {
+    std::string name;
+    std::function<void(Board &)> fn;
+};
+
+std::vector<Hook> &seeders()
+{
+    static std::vector<Hook> hooks;
+    return hooks;
+}
+
+std::vector<Hook> &attachers()
+{
+    static std::vector<Hook> hooks;
+    return hooks;
+}
+
+std::mutex g_attach_mu;
+std::shared_ptr<Board::State> g_attached;
+bool g_ever_attached = false;
+
+void write_host_file(const std::string &path, const std::string &contents)
+{
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << contents;
+    if (!out)
+        throw std::runtime_error("cannot write " + path);
+}
+
+std::string read_host_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool is_board(const std::string &root) { return fs::exists(root + "/.board"); }
+
+} // namespace
+
+void register_seeder(const char *name, std::function<void(Board &)> seed)
+{
+    seeders().push_back({name, std::move(seed)});
+}
+
+void register_attacher(const char *name, std::function<void(Board &)> attach)
+{
+    attachers().push_back({name, std::move(attach)});
+}
+
+Board::State::~State()
+{
+    if (temporary) {
+        std::error_code ec;
+        fs::remove_all(root, ec);
+    }
+}
+
+std::string Board::State::host_path(const std::string &board_path) const
+{
+    if (board_path.empty() || board_path[0] != '/')
+        return board_path;
+    // A path already below the root (a host path handed back in) stays as it is.
+    if (board_path.compare(0, root.size(), root) == 0 &&
+        (board_path.size() == root.size() || board_path[root.size()] == '/'))
+        return board_path;
+    return root + board_path;
+}
+
+std::shared_ptr<Board::State> attached()
+{
+    {
+        std::lock_guard<std::mutex> lock(g_attach_mu);
+        if (g_attached || g_ever_attached)
+            return g_attached;
+    }
+    // The first platform call of a process that attached nothing: the default
+    // board, attached for the life of the process.
+    static std::once_flag once;
+    std::call_once(once, [] { static Board board = Board::open(Board::default_root()); });
+    std::lock_guard<std::mutex> lock(g_attach_mu);
+    return g_attached;
+}
+
+// ---- state files ----
+
+BoardLock::BoardLock(const Board::State &s)
+{
+    fd_ = ::open(s.state_path("lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd_ >= 0)
+        ::flock(fd_, LOCK_EX);
+}
+
+BoardLock::~BoardLock()
+{
+    if (fd_ >= 0)
+        ::close(fd_);
+}
+
+std::string read_state(const Board::State &s, const char *name)
+{
+    return read_host_file(s.state_path(name));
+}
+
+void write_state(const Board::State &s, const char *name, const std::string &text)
+{
+    const std::string path = s.state_path(name);
+    const std::string tmp = path + ".new";
+    write_host_file(tmp, text);
+    fs::rename(tmp, path);
+}
+
+void append_state(const Board::State &s, const char *name, const std::string &line)
+{
+    const int fd = ::open(s.state_path(name).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return;
+    const std::string record = line + "\n";
+    // One write per record: appends from several processes do not interleave.
+    ssize_t n = ::write(fd, record.data(), record.size());
+    (void)n;
+    ::close(fd);
+}
+
+std::string escape_line(const std::string &text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        switch (c) {
+        case '\\': out += "\\\\"; break;
+        case '\n': out += "\\n"; break;
+        case '\t': out += "\\t"; break;
+        default: out += c;
+        }
+    }
+    return out;
+}
+
+std::string unescape_line(const std::string &text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\' && i + 1 < text.size()) {
+            const char c = text[++i];
+            out += c == 'n' ? '\n' : c == 't' ? '\t' : c;
+        } else {
+            out += text[i];
+        }
+    }
+    return out;
+}
+
+// ---- faults ----
+
+namespace {
+
+bool fault_matches(const Fault &f, const char *call, const std::string &path)
+{
+    if (f.call != call)
+        return false;
+    if (f.path.empty())
+        return true;
+    if (f.call == "system" || f.call == "popen")
+        return path.compare(0, f.path.size(), f.path) == 0;
+    return f.path == path;
+}
+
+} // namespace
+
+bool fault_fires(Board::State &s, const char *call, const std::string &path, long *result)
+{
+    std::lock_guard<std::mutex> lock(s.mu);
+    for (auto &slot : s.faults) {
+        if (slot.fault.byte_budget >= 0 || !fault_matches(slot.fault, call, path))
+            continue;
+        if (++slot.seen <= slot.fault.skip)
+            continue;
+        if (slot.fault.times >= 0 && slot.fired >= slot.fault.times)
+            continue;
+        ++slot.fired;
+        *result = slot.fault.result;
+        errno = slot.fault.error;
+        return true;
+    }
+    return false;
+}
+
+long long fault_write_allowance(Board::State &s, const char *call, const std::string &path,
+                                long long count)
+{
+    std::lock_guard<std::mutex> lock(s.mu);
+    for (auto &slot : s.faults) {
+        if (slot.fault.byte_budget < 0 || !fault_matches(slot.fault, call, path))
+            continue;
+        if (slot.budget_left < 0)
+            slot.budget_left = slot.fault.byte_budget;
+        if (slot.budget_left == 0) {
+            errno = slot.fault.error;
+            return -1;
+        }
+        const long long allowed = std::min(count, slot.budget_left);
+        slot.budget_left -= allowed;
+        return allowed;
+    }
+    return count;
+}
+
+// ---- LogRecord ----
+
+std::string LogRecord::line() const
+{
+    const char p = priority <= 3 ? 'D' : priority == 4 ? 'I' : priority == 5 ? 'W' : 'E';
+    std::string body = text;
+    if (!body.empty() && body.back() == '\n')
+        body.pop_back();
+    return std::string(1, p) + "/" + tag + ": " + body;
+}
+
+// ---- DeviceModel defaults ----
+
+DeviceModel::~DeviceModel() = default;
+int DeviceModel::open(const std::string &host_path, int flags, mode_t mode)
+{
+    return ::open(host_path.c_str(), flags | O_CLOEXEC, mode);
+}
+ssize_t DeviceModel::read(int fd, void *buf, size_t count) { return ::read(fd, buf, count); }
+ssize_t DeviceModel::write(int fd, const void *buf, size_t count) { return ::write(fd, buf, count); }
+ssize_t DeviceModel::pread(int fd, void *buf, size_t count, off_t offset)
+{
+    return ::pread(fd, buf, count, offset);
+}
+ssize_t DeviceModel::pwrite(int fd, const void *buf, size_t count, off_t offset)
+{
+    return ::pwrite(fd, buf, count, offset);
+}
+int DeviceModel::ioctl(int, unsigned long, void *)
+{
+    errno = ENOTTY;
+    return -1;
+}
+void DeviceModel::close(int fd) { ::close(fd); }
+
+// ---- Builder ----
+
+struct Board::Builder::Files {
+    std::string root;
+    bool has_ini = false, has_pz25 = false, has_modid = false;
+    std::string ini, pz25, modid;
+    std::vector<std::pair<std::string, std::string>> files;
+    bool bare = false;
+    bool fast = true;
+};
+
+Board::Builder::Builder() : spec_(std::make_shared<Files>()) {}
+Board::Builder &Board::Builder::root(std::string dir) { spec_->root = std::move(dir); return *this; }
+Board::Builder &Board::Builder::ini(std::string text)
+{
+    spec_->ini = std::move(text);
+    spec_->has_ini = true;
+    return *this;
+}
+Board::Builder &Board::Builder::ini_pz25(std::string text)
+{
+    spec_->pz25 = std::move(text);
+    spec_->has_pz25 = true;
+    return *this;
+}
+Board::Builder &Board::Builder::module_id(std::string text)
+{
+    spec_->modid = std::move(text);
+    spec_->has_modid = true;
+    return *this;
+}
+Board::Builder &Board::Builder::file(std::string path, std::string contents)
+{
+    spec_->files.emplace_back(std::move(path), std::move(contents));
+    return *this;
+}
+Board::Builder &Board::Builder::bare() { spec_->bare = true; return *this; }
+Board::Builder &Board::Builder::fast_clock(bool on) { spec_->fast = on; return *this; }
+
+namespace {
+
+std::shared_ptr<Board::State> make_state(const std::string &root, bool temporary, bool fast)
+{
+    auto state = std::make_shared<Board::State>();
+    state->root = fs::absolute(root).lexically_normal().string();
+    while (state->root.size() > 1 && state->root.back() == '/')
+        state->root.pop_back();
+    state->temporary = temporary;
+    state->fast = fast;
+    fs::create_directories(state->root + "/.board");
+    return state;
+}
+
+} // namespace
+
+Board Board::Builder::build()
+{
+    std::string root = spec_->root;
+    bool temporary = false;
+    if (root.empty()) {
+        const char *tmp = std::getenv("TMPDIR");
+        std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/vexaboard-XXXXXX";
+        std::vector<char> buf(templ.begin(), templ.end());
+        buf.push_back('\0');
+        if (::mkdtemp(buf.data()) == nullptr)
+            throw std::system_error(errno, std::generic_category(), "mkdtemp");
+        root = buf.data();
+        temporary = true;
+    }
+    const bool fresh = !is_board(root);
+    Board board(make_state(root, temporary, spec_->fast));
+    if (fresh && !spec_->bare) {
+        for (auto &hook : seeders())
+            hook.fn(board);
+    }
+    if (spec_->has_ini)
+        board.write_file("/vendor/etc/product.ini", spec_->ini);
+    if (spec_->has_pz25)
+        board.write_file("/vendor/etc/product_pz25.ini", spec_->pz25);
+    if (spec_->has_modid || (fresh && spec_->bare))
+        board.set_module_id(spec_->has_modid ? spec_->modid : "0");
+    for (auto &[path, contents] : spec_->files)
+        board.write_file(path, contents);
+    board.attach();
+    return board;
+}
+
+// ---- Board ----
+
+Board::Board(std::shared_ptr<State> state) : state_(std::move(state)) {}
+Board::Board(Board &&other) noexcept : state_(std::move(other.state_)), owner_(other.owner_)
+{
+    other.owner_ = false;
+}
+Board &Board::operator=(Board &&other) noexcept
+{
+    if (this != &other) {
+        detach();
+        state_ = std::move(other.state_);
+        owner_ = other.owner_;
+        other.owner_ = false;
+    }
+    return *this;
+}
+Board::~Board() { detach(); }
+
+void Board::attach()
+{
+    {
+        std::lock_guard<std::mutex> lock(g_attach_mu);
+        g_attached = state_;
+        g_ever_attached = true;
+    }
+    owner_ = true;
+    for (auto &hook : attachers())
+        hook.fn(*this);
+}
+
+void Board::detach()
+{
+    if (!owner_ || !state_)
+        return;
+    owner_ = false;
+    std::lock_guard<std::mutex> lock(g_attach_mu);
+    if (g_attached == state_)
+        g_attached.reset();
+}
+
+Board Board::open(const std::string &dir, bool fast_clock)
+{
+    const bool fresh = !is_board(dir);
+    Board board(make_state(dir, false, fast_clock));
+    if (fresh) {
+        for (auto &hook : seeders())
+            hook.fn(board);
+        if (!board.exists_state("product_info"))
+            board.set_module_id("0");
+    }
+    board.attach();
+    return board;
+}
+
+std::string Board::default_root()
+{
+    if (const char *dir = std::getenv("VEXA_BOARD"); dir && *dir)
+        return dir;
+    if (const char *state = std::getenv("XDG_STATE_HOME"); state && *state)
+        return std::string(state) + "/vexasdk/board";
+    const char *home = std::getenv("HOME");
+    return std::string(home && *home ? home : "/tmp") + "/.local/state/vexasdk/board";
+}
+
+Board Board::current()
+{
+    auto state = attached();
+    if (!state)
+        throw std::runtime_error("no virtual board is attached");
+    return Board(state);
+}
+
+bool Board::exists_state(const char *name) const { return fs::exists(state_->state_path(name)); }
+
+const std::string &Board::root() const { return state_->root; }
+std::string Board::host_path(const std::string &board_path) const { return state_->host_path(board_path); }
+
+bool Board::exists(const std::string &board_path) const
+{
+    std::error_code ec;
+    return fs::exists(host_path(board_path), ec);
+}
+
+std::string Board::read_file(const std::string &board_path) const
+{
+    return read_host_file(host_path(board_path));
+}
+
+void Board::write_file(const std::string &board_path, const std::string &contents) const
+{
+    write_host_file(host_path(board_path), contents);
+}
+
+void Board::remove_file(const std::string &board_path) const
+{
+    std::error_code ec;
+    fs::remove_all(host_path(board_path), ec);
+}
+
+void Board::set_module_id(const std::string &text) const
+{
+    std::string info(2048, '\0');
+    const char name[] = "vexa virtual board";
+    std::memcpy(&info[0], name, sizeof name - 1);
+    std::memcpy(&info[64], text.data(), std::min<size_t>(text.size(), 2048 - 64 - 1));
+    write_state(*state_, "product_info", info);
+}
+
+// Lines: ROOT/.board/gpio holds "ID LEVEL DIRECTION" a line.
+namespace {
+
+struct LineState {
+    int level = 0;
+    std::string direction = "in";
+};
+
+std::map<int, LineState> read_lines(const Board::State &s)
+{
+    std::map<int, LineState> lines;
+    std::istringstream in(read_state(s, "gpio"));
+    int id, level;
+    std::string direction;
+    while (in >> id >> level >> direction)
+        lines[id] = {level, direction};
+    return lines;
+}
+
+void write_lines(const Board::State &s, const std::map<int, LineState> &lines)
+{
+    std::ostringstream out;
+    for (auto &[id, line] : lines)
+        out << id << ' ' << line.level << ' ' << line.direction << '\n';
+    write_state(s, "gpio", out.str());
+}
+
+} // namespace
+
+int line_level(const Board::State &s, int id)
+{
+    if (id < 0)
+        return -1;
+    auto lines = with_board_lock(s, [&] { return read_lines(s); });
+    auto it = lines.find(id);
+    return it == lines.end() ? 0 : it->second.level;
+}
+
+void drive_line(const Board::State &s, int id, int level, const char *direction)
+{
+    if (id < 0)
+        return;
+    with_board_lock(s, [&] {
+        auto lines = read_lines(s);
+        lines[id].level = level != 0 ? 1 : 0;
+        if (direction)
+            lines[id].direction = direction;
+        write_lines(s, lines);
+    });
+}
+
+int Board::line(int id) const { return line_level(*state_, id); }
+void Board::set_line(int id, int level) const { drive_line(*state_, id, level, nullptr); }
+
+std::string Board::line_direction(int id) const
+{
+    auto lines = with_board_lock(*state_, [&] { return read_lines(*state_); });
+    auto it = lines.find(id);
+    return it == lines.end() ? "in" : it->second.direction;
+}
+
+std::vector<std::pair<int, int>> Board::lines() const
+{
+    std::vector<std::pair<int, int>> out;
+    for (auto &[id, line] : with_board_lock(*state_, [&] { return read_lines(*state_); }))
+        out.emplace_back(id, line.level);
+    return out;
+}
+
+// Properties: ROOT/.board/properties holds "key=value" a line.
+namespace {
+
+std::map<std::string, std::string> read_properties(const Board::State &s)
+{
+    std::map<std::string, std::string> props;
+    std::istringstream in(read_state(s, "properties"));
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto eq = line.find('=');
+        if (eq != std::string::npos)
+            props[line.substr(0, eq)] = unescape_line(line.substr(eq + 1));
+    }
+    return props;
+}
+
+} // namespace
+
+std::string Board::property(const std::string &key) const
+{
+    auto props = with_board_lock(*state_, [&] { return read_properties(*state_); });
+    auto it = props.find(key);
+    return it == props.end() ? std::string() : it->second;
+}
+
+void Board::set_property(const std::string &key, const std::string &value) const
+{
+    with_board_lock(*state_, [&] {
+        auto props = read_properties(*state_);
+        props[key] = value;
+        std::ostringstream out;
+        for (auto &[k, v] : props)
+            out << k << '=' << escape_line(v) << '\n';
+        write_state(*state_, "properties", out.str());
+    });
+}
+
+std::vector<LogRecord> Board::log() const
+{
+    std::vector<LogRecord> records;
+    std::istringstream in(read_state(*state_, "log"));
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto t1 = line.find('\t');
+        const auto t2 = t1 == std::string::npos ? t1 : line.find('\t', t1 + 1);
+        if (t2 == std::string::npos)
+            continue;
+        records.push_back({std::atoi(line.substr(0, t1).c_str()), line.substr(t1 + 1, t2 - t1 - 1),
+                           unescape_line(line.substr(t2 + 1))});
+    }
+    return records;
+}
+
+std::vector<std::string> Board::log_lines() const
+{
+    std::vector<std::string> lines;
+    for (auto &record : log())
+        lines.push_back(record.line());
+    return lines;
+}
+
+void Board::clear_log() const { write_state(*state_, "log", ""); }
+
+std::vector<std::string> Board::commands() const
+{
+    std::vector<std::string> out;
+    std::istringstream in(read_state(*state_, "commands"));
+    std::string line;
+    while (std::getline(in, line))
+        out.push_back(unescape_line(line));
+    return out;
+}
+
+void Board::clear_commands() const { write_state(*state_, "commands", ""); }
+
+void Board::on_command(const std::string &program, CommandHandler handler) const
+{
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->commands[program] = std::move(handler);
+}
+
+std::vector<std::string> Board::reboots() const
+{
+    std::vector<std::string> out;
+    std::istringstream in(read_state(*state_, "reboots"));
+    std::string line;
+    while (std::getline(in, line))
+        out.push_back(unescape_line(line));
+    return out;
+}
+
+void Board::inject(const Fault &fault) const
+{
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->faults.push_back({fault});
+}
+
+void Board::clear_faults() const
+{
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->faults.clear();
+}
+
+void Board::add_model(const std::string &board_path, std::shared_ptr<DeviceModel> model) const
+{
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->models[board_path] = std::move(model);
+}
+
+bool Board::fast_clock() const { return state_->fast; }
+void Board::set_fast_clock(bool on) const { state_->fast = on; }
+
+uint64_t Board::now_ns() const
+{
+    struct timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec) +
+           static_cast<uint64_t>(state_->clock_offset_ns.load());
+}
+
+void Board::advance_clock(uint64_t ns) const { state_->clock_offset_ns += static_cast<int64_t>(ns); }
+
+} // namespace vexa::sim

@@ -1,0 +1,227 @@
+// The virtual board: a host implementation of the whole platform.
+//
+// A board is a directory. Every absolute path the library uses maps below it
+// ("/vendor/etc/product.ini" is ROOT/vendor/etc/product.ini); the board's own
+// state (GPIO lines, properties, the log, the command journal, reboots) lives
+// in plain text files under ROOT/.board/, so separate processes that open the
+// same root see one board. Nodes that are not plain files are served by device
+// models registered by path; models live while a process holds the board.
+//
+// One board is attached per process at a time: the platform calls (hal_*,
+// the log, properties, the OS layer) act on it. A process that makes a
+// platform call before attaching one attaches the default board.
+//
+// Threads: the board's calls may be made from any thread.
+#ifndef VEXA_SIM_BOARD_H
+#define VEXA_SIM_BOARD_H
+
+#include <sys/types.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vexa::sim {
+
+struct LogRecord {
+    int priority;     // 3 debug, 4 info, 5 warning, 6 error
+    std::string tag;
+    std::string text; // as printed, trailing newline included
+
+    // "P/TAG: TEXT" with P one of D I W E and TEXT without its trailing newline.
+    std::string line() const;
+};
+
+// A fault that makes platform calls fail. `call` names the platform function
+// ("hal_gpio_set_value", "open", "write", "system", ...); `path`, when set,
+// limits it to calls on that board path (or, for "system"/"popen", to commands
+// that start with it). The first `skip` matching calls go through; then `times`
+// calls (-1: every call) return `result` with errno set to `error`.
+// For "write" and "pwrite", a byte budget instead lets that many bytes reach
+// the file in total (a short write at the cut) and fails every write after it:
+// a power cut in the middle of a save.
+struct Fault {
+    std::string call;
+    std::string path;
+    int skip = 0;
+    int times = -1;
+    long result = -1;
+    int error = EIO;
+    long long byte_budget = -1;
+
+    static Fault on(std::string call) { Fault f; f.call = std::move(call); return f; }
+    Fault &at(std::string p) { path = std::move(p); return *this; }
+    Fault &once() { times = 1; return *this; }
+    Fault &always() { times = -1; return *this; }
+    Fault &after(int calls) { skip = calls; return *this; }
+    Fault &returns(long value, int err = EIO) { result = value; error = err; return *this; }
+    Fault &cut_after(long long bytes) { byte_budget = bytes; return *this; }
+};
+
+// A node that is not a plain file. open() returns a real descriptor (the model
+// may open a backing file, a pty or anything else); the board then routes the
+// other calls on that descriptor to the model until it is closed. The defaults
+// pass straight through to the descriptor.
+class DeviceModel {
+public:
+    virtual ~DeviceModel();
+    // host_path is the node's place below the root.
+    virtual int open(const std::string &host_path, int flags, mode_t mode);
+    virtual ssize_t read(int fd, void *buf, size_t count);
+    virtual ssize_t write(int fd, const void *buf, size_t count);
+    virtual ssize_t pread(int fd, void *buf, size_t count, off_t offset);
+    virtual ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset);
+    virtual int ioctl(int fd, unsigned long request, void *arg);
+    virtual void close(int fd);
+};
+
+// Output and status of a shell command that a handler carried out.
+struct CommandResult {
+    int status = 0;     // as system() returns it: exit code << 8
+    std::string output; // what popen() readers see
+};
+// argv is the command split into words; the original text is in `command`.
+using CommandHandler =
+    std::function<CommandResult(const std::vector<std::string> &argv, const std::string &command)>;
+
+class Board;
+
+// Hooks that areas of the board register from their own files (see
+// VEXA_SIM_REGISTER below):
+// - seeders lay out a new board's files (the default product INI, partitions,
+//   resource files); they run once, when a board directory is created;
+// - attachers add device models and command handlers each time a process
+//   attaches a board.
+void register_seeder(const char *name, std::function<void(Board &)> seed);
+void register_attacher(const char *name, std::function<void(Board &)> attach);
+
+class Board {
+public:
+    class Builder {
+    public:
+        Builder();
+        // Where the board lives; default: a new temporary directory that the
+        // Board removes when it is destroyed.
+        Builder &root(std::string dir);
+        // Text of "/vendor/etc/product.ini" (default: the default board's).
+        Builder &ini(std::string text);
+        // Text of "/vendor/etc/product_pz25.ini".
+        Builder &ini_pz25(std::string text);
+        // The module id text at byte 64 of the product information.
+        Builder &module_id(std::string text);
+        // Extra files, by board path.
+        Builder &file(std::string path, std::string contents);
+        // Skip the default board's files: only what the builder names.
+        Builder &bare();
+        // Sleeps return at once and advance the board's clock (default: on).
+        Builder &fast_clock(bool on);
+        Board build();
+
+    private:
+        friend class Board;
+        struct Files;
+        std::shared_ptr<Files> spec_;
+    };
+
+    // Attaches the board in dir, laying out a default board there when the
+    // directory holds none. fast_clock as in the builder (default: off).
+    static Board open(const std::string &dir, bool fast_clock = false);
+    // Where the default board lives: $VEXA_BOARD, else
+    // $XDG_STATE_HOME/vexasdk/board, else ~/.local/state/vexasdk/board.
+    static std::string default_root();
+    // The attached board; attaches the default board when there is none.
+    static Board current();
+
+    Board(Board &&other) noexcept;
+    Board &operator=(Board &&) noexcept;
+    ~Board(); // detaches; removes a temporary root
+    Board(const Board &) = delete;
+    Board &operator=(const Board &) = delete;
+
+    const std::string &root() const;
+    // The host path of a board path: root + path for absolute paths.
+    std::string host_path(const std::string &board_path) const;
+
+    // Files, by board path.
+    bool exists(const std::string &board_path) const;
+    std::string read_file(const std::string &board_path) const;
+    void write_file(const std::string &board_path, const std::string &contents) const;
+    void remove_file(const std::string &board_path) const;
+
+    // Product information record and the module id text at byte 64.
+    void set_module_id(const std::string &text) const;
+
+    // GPIO lines. A line reads 0 until driven; ids below 0 do not exist.
+    int line(int id) const;          // -1 when the line does not exist
+    // Sets the level seen on a line from outside (0 or 1; any non-zero is 1).
+    void set_line(int id, int level) const;
+    // "out" once the library has driven or configured the line, else "in".
+    std::string line_direction(int id) const;
+    // Every line driven so far, ascending by id.
+    std::vector<std::pair<int, int>> lines() const;
+
+    // System properties.
+    std::string property(const std::string &key) const;
+    void set_property(const std::string &key, const std::string &value) const;
+
+    // The log, oldest first.
+    std::vector<LogRecord> log() const;
+    std::vector<std::string> log_lines() const;
+    void clear_log() const;
+
+    // Shell commands exactly as the library issued them, oldest first.
+    std::vector<std::string> commands() const;
+    void clear_commands() const;
+    // Carries out commands whose first word (its base name) is `program`.
+    void on_command(const std::string &program, CommandHandler handler) const;
+
+    // Reboot requests, recorded instead of carried out ("" for a plain one).
+    std::vector<std::string> reboots() const;
+
+    // Fault injection (this process only).
+    void inject(const Fault &fault) const;
+    void clear_faults() const;
+
+    // Device models, by board path (this process only).
+    void add_model(const std::string &board_path, std::shared_ptr<DeviceModel> model) const;
+
+    // The clock. With a fast clock sleeps return at once and advance it.
+    bool fast_clock() const;
+    void set_fast_clock(bool on) const;
+    uint64_t now_ns() const;
+    // Moves the board clock on, as a sleep of ns would with a fast clock.
+    void advance_clock(uint64_t ns) const;
+
+    struct State;
+
+private:
+    explicit Board(std::shared_ptr<State> state);
+    void attach();
+    void detach();
+    bool exists_state(const char *name) const;
+
+    std::shared_ptr<State> state_;
+    bool owner_ = false; // this handle attached the board and detaches it
+};
+
+} // namespace vexa::sim
+
+#define VEXA_SIM_CONCAT2(a, b) a##b
+#define VEXA_SIM_CONCAT(a, b) VEXA_SIM_CONCAT2(a, b)
+// Registers a seeder or attacher from a model's own file:
+//   VEXA_SIM_SEEDER(partitions) { board.write_file(...); }
+#define VEXA_SIM_SEEDER(name)                                                                  \
+    static void vexa_sim_seed_##name(::vexa::sim::Board &board);                               \
+    static const bool VEXA_SIM_CONCAT(vexa_sim_seed_reg_, name) =                              \
+        (::vexa::sim::register_seeder(#name, vexa_sim_seed_##name), true);                     \
+    static void vexa_sim_seed_##name(::vexa::sim::Board &board)
+#define VEXA_SIM_ATTACHER(name)                                                                \
+    static void vexa_sim_attach_##name(::vexa::sim::Board &board);                             \
+    static const bool VEXA_SIM_CONCAT(vexa_sim_attach_reg_, name) =                            \
+        (::vexa::sim::register_attacher(#name, vexa_sim_attach_##name), true);                 \
+    static void vexa_sim_attach_##name(::vexa::sim::Board &board)
+
+#endif

@@ -1,0 +1,434 @@
+// The OS layer on the virtual board: absolute paths map below the board's
+// root, device models serve their nodes, shell commands are journaled and
+// carried out by the handlers that areas register, reboots are recorded.
+#include "platform/os.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <sstream>
+#include <type_traits>
+
+#include "sim/state.h"
+
+namespace fs = std::filesystem;
+using vexa::sim::Board;
+
+namespace {
+
+// Every call below works on the attached board; with none (one was attached
+// and has gone) the call fails with ENODEV.
+#define ATTACHED_OR(fail_value)                                                                    \
+    auto state = vexa::sim::attached();                                                            \
+    if (!state) {                                                                                  \
+        errno = ENODEV;                                                                            \
+        return fail_value;                                                                         \
+    }                                                                                              \
+    auto &s = *state
+
+#define FAULT(call, path, type)                                                                    \
+    do {                                                                                           \
+        long fault_result;                                                                         \
+        if (vexa::sim::fault_fires(s, call, path, &fault_result))                                  \
+            return fault_value<type>(fault_result);                                                 \
+    } while (0)
+
+// What a failed call returns: the fault's value, or null for a pointer.
+template <typename T> T fault_value(long value)
+{
+    if constexpr (std::is_pointer_v<T>)
+        return nullptr;
+    else
+        return static_cast<T>(value);
+}
+
+std::string str(const char *p) { return p ? p : ""; }
+
+struct Route {
+    std::string board_path;
+    std::shared_ptr<vexa::sim::DeviceModel> model;
+};
+
+Route route(vexa::sim::Board::State &s, int fd)
+{
+    std::lock_guard<std::mutex> lock(s.mu);
+    auto it = s.open_files.find(fd);
+    if (it == s.open_files.end())
+        return {};
+    return {it->second.board_path, it->second.model};
+}
+
+uint64_t real_monotonic_ns()
+{
+    struct timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+std::vector<std::string> split_words(const std::string &command)
+{
+    std::vector<std::string> words;
+    std::istringstream in(command);
+    std::string word;
+    while (in >> word)
+        words.push_back(word);
+    return words;
+}
+
+// The longest real wait of a poll with a fast clock: long enough for a model
+// thread to answer, short enough that silence costs no real time.
+constexpr int kFastPollRealMs = 200;
+
+} // namespace
+
+namespace vexa::sim {
+
+void record_command(Board::State &s, const std::string &command)
+{
+    append_state(s, "commands", escape_line(command));
+}
+
+CommandResult run_command(Board::State &s, const std::string &command)
+{
+    const auto argv = split_words(command);
+    CommandHandler handler;
+    if (!argv.empty()) {
+        const std::string program = fs::path(argv[0]).filename().string();
+        std::lock_guard<std::mutex> lock(s.mu);
+        auto it = s.commands.find(program);
+        if (it != s.commands.end())
+            handler = it->second;
+    }
+    // A command no area carries out is journaled and succeeds.
+    return handler ? handler(argv, command) : CommandResult{};
+}
+
+} // namespace vexa::sim
+
+namespace vexa::os {
+
+int open(const char *path, int flags, mode_t mode)
+{
+    ATTACHED_OR(-1);
+    const std::string board_path = str(path);
+    FAULT("open", board_path, int);
+    std::shared_ptr<sim::DeviceModel> model;
+    {
+        std::lock_guard<std::mutex> lock(s.mu);
+        auto it = s.models.find(board_path);
+        if (it != s.models.end())
+            model = it->second;
+    }
+    const std::string host = s.host_path(board_path);
+    const int fd = model ? model->open(host, flags, mode) : ::open(host.c_str(), flags | O_CLOEXEC, mode);
+    if (fd >= 0) {
+        std::lock_guard<std::mutex> lock(s.mu);
+        s.open_files[fd] = {board_path, model};
+    }
+    return fd;
+}
+
+ssize_t read(int fd, void *buf, size_t count)
+{
+    ATTACHED_OR(-1);
+    const Route r = route(s, fd);
+    FAULT("read", r.board_path, ssize_t);
+    return r.model ? r.model->read(fd, buf, count) : ::read(fd, buf, count);
+}
+
+ssize_t write(int fd, const void *buf, size_t count)
+{
+    ATTACHED_OR(-1);
+    const Route r = route(s, fd);
+    FAULT("write", r.board_path, ssize_t);
+    const long long allowed = sim::fault_write_allowance(s, "write", r.board_path, count);
+    if (allowed < 0)
+        return -1;
+    return r.model ? r.model->write(fd, buf, allowed) : ::write(fd, buf, allowed);
+}
+
+ssize_t pread(int fd, void *buf, size_t count, off_t offset)
+{
+    ATTACHED_OR(-1);
+    const Route r = route(s, fd);
+    FAULT("pread", r.board_path, ssize_t);
+    return r.model ? r.model->pread(fd, buf, count, offset) : ::pread(fd, buf, count, offset);
+}
+
+ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset)
+{
+    ATTACHED_OR(-1);
+    const Route r = route(s, fd);
+    FAULT("pwrite", r.board_path, ssize_t);
+    const long long allowed = sim::fault_write_allowance(s, "pwrite", r.board_path, count);
+    if (allowed < 0)
+        return -1;
+    return r.model ? r.model->pwrite(fd, buf, allowed, offset) : ::pwrite(fd, buf, allowed, offset);
+}
+
+int ioctl(int fd, unsigned long request, void *arg)
+{
+    ATTACHED_OR(-1);
+    const Route r = route(s, fd);
+    FAULT("ioctl", r.board_path, int);
+    return r.model ? r.model->ioctl(fd, request, arg) : ::ioctl(fd, request, arg);
+}
+
+off_t lseek(int fd, off_t offset, int whence)
+{
+    ATTACHED_OR(-1);
+    const Route r = route(s, fd);
+    FAULT("lseek", r.board_path, off_t);
+    return ::lseek(fd, offset, whence);
+}
+
+int fsync(int fd)
+{
+    ATTACHED_OR(-1);
+    const Route r = route(s, fd);
+    FAULT("fsync", r.board_path, int);
+    return ::fsync(fd);
+}
+
+int close(int fd)
+{
+    ATTACHED_OR(-1);
+    Route r;
+    {
+        std::lock_guard<std::mutex> lock(s.mu);
+        auto it = s.open_files.find(fd);
+        if (it != s.open_files.end()) {
+            r = {it->second.board_path, it->second.model};
+            s.open_files.erase(it);
+        }
+    }
+    FAULT("close", r.board_path, int);
+    if (r.model) {
+        r.model->close(fd);
+        return 0;
+    }
+    return ::close(fd);
+}
+
+int poll(struct pollfd *fds, nfds_t nfds, int timeout_ms)
+{
+    ATTACHED_OR(-1);
+    FAULT("poll", "", int);
+    if (!s.fast || timeout_ms <= kFastPollRealMs)
+        return ::poll(fds, nfds, timeout_ms);
+    // Fast clock: wait a short real time; silence then counts as the whole
+    // timeout on the board's clock.
+    const uint64_t start = real_monotonic_ns();
+    const int ready = ::poll(fds, nfds, kFastPollRealMs);
+    if (ready == 0) {
+        const uint64_t waited = real_monotonic_ns() - start;
+        const uint64_t whole = static_cast<uint64_t>(timeout_ms) * 1000000u;
+        if (whole > waited)
+            s.clock_offset_ns += static_cast<int64_t>(whole - waited);
+    }
+    return ready;
+}
+
+FILE *fopen(const char *path, const char *mode)
+{
+    ATTACHED_OR(nullptr);
+    FAULT("fopen", str(path), FILE *);
+    FILE *f = ::fopen(s.host_path(str(path)).c_str(), mode);
+    return f;
+}
+
+int stat(const char *path, struct stat *st)
+{
+    ATTACHED_OR(-1);
+    FAULT("stat", str(path), int);
+    return ::stat(s.host_path(str(path)).c_str(), st);
+}
+
+int access(const char *path, int mode)
+{
+    ATTACHED_OR(-1);
+    FAULT("access", str(path), int);
+    // A modelled node exists even where no file stands for it.
+    {
+        std::lock_guard<std::mutex> lock(s.mu);
+        if (s.models.count(str(path)))
+            return 0;
+    }
+    return ::access(s.host_path(str(path)).c_str(), mode);
+}
+
+DIR *opendir(const char *path)
+{
+    ATTACHED_OR(nullptr);
+    FAULT("opendir", str(path), DIR *);
+    return ::opendir(s.host_path(str(path)).c_str());
+}
+
+int mkdir(const char *path, mode_t mode)
+{
+    ATTACHED_OR(-1);
+    FAULT("mkdir", str(path), int);
+    return ::mkdir(s.host_path(str(path)).c_str(), mode);
+}
+
+int remove(const char *path)
+{
+    ATTACHED_OR(-1);
+    FAULT("remove", str(path), int);
+    return ::remove(s.host_path(str(path)).c_str());
+}
+
+int rename(const char *from, const char *to)
+{
+    ATTACHED_OR(-1);
+    FAULT("rename", str(from), int);
+    return ::rename(s.host_path(str(from)).c_str(), s.host_path(str(to)).c_str());
+}
+
+// Mounts are recorded in ROOT/.board/mounts as "SOURCE TARGET FSTYPE FLAGS".
+int mount(const char *source, const char *target, const char *fstype, unsigned long flags,
+          const void *)
+{
+    ATTACHED_OR(-1);
+    FAULT("mount", str(target), int);
+    std::error_code ec;
+    if (!source || !target || !fs::exists(s.host_path(source), ec)) {
+        errno = ENOENT;
+        return -1;
+    }
+    if (!fs::is_directory(s.host_path(target), ec)) {
+        errno = ENOTDIR;
+        return -1;
+    }
+    std::ostringstream line;
+    line << source << ' ' << target << ' ' << (fstype ? fstype : "none") << ' ' << flags;
+    return sim::with_board_lock(s, [&] {
+        std::string mounts = sim::read_state(s, "mounts");
+        std::istringstream in(mounts);
+        std::string l;
+        while (std::getline(in, l)) {
+            std::istringstream words(l);
+            std::string src, dst;
+            words >> src >> dst;
+            if (dst == target) {
+                errno = EBUSY;
+                return -1;
+            }
+        }
+        sim::write_state(s, "mounts", mounts + line.str() + "\n");
+        return 0;
+    });
+}
+
+int umount(const char *target)
+{
+    ATTACHED_OR(-1);
+    FAULT("umount", str(target), int);
+    return sim::with_board_lock(s, [&] {
+        std::istringstream in(sim::read_state(s, "mounts"));
+        std::string kept, l;
+        bool found = false;
+        while (std::getline(in, l)) {
+            std::istringstream words(l);
+            std::string src, dst;
+            words >> src >> dst;
+            if (dst == str(target) && !found)
+                found = true;
+            else
+                kept += l + "\n";
+        }
+        if (!found) {
+            errno = EINVAL;
+            return -1;
+        }
+        sim::write_state(s, "mounts", kept);
+        return 0;
+    });
+}
+
+void sync()
+{
+    auto state = sim::attached();
+    if (state) {
+        long ignored;
+        sim::fault_fires(*state, "sync", "", &ignored);
+    }
+}
+
+int reboot(const char *arg)
+{
+    ATTACHED_OR(-1);
+    FAULT("reboot", str(arg), int);
+    sim::append_state(s, "reboots", sim::escape_line(str(arg)));
+    return 0;
+}
+
+int system(const char *command)
+{
+    ATTACHED_OR(-1);
+    if (command == nullptr)
+        return 1; // a shell is available
+    sim::record_command(s, command);
+    FAULT("system", command, int);
+    return sim::run_command(s, command).status;
+}
+
+FILE *popen(const char *command, const char *type)
+{
+    ATTACHED_OR(nullptr);
+    sim::record_command(s, str(command));
+    FAULT("popen", str(command), FILE *);
+    const sim::CommandResult result = sim::run_command(s, str(command));
+    FILE *f = ::tmpfile();
+    if (!f)
+        return nullptr;
+    if (type && type[0] == 'r') {
+        ::fwrite(result.output.data(), 1, result.output.size(), f);
+        ::rewind(f);
+    }
+    std::lock_guard<std::mutex> lock(s.mu);
+    s.popen_status[f] = result.status;
+    return f;
+}
+
+int pclose(FILE *stream)
+{
+    ATTACHED_OR(-1);
+    int status = -1;
+    {
+        std::lock_guard<std::mutex> lock(s.mu);
+        auto it = s.popen_status.find(stream);
+        if (it != s.popen_status.end()) {
+            status = it->second;
+            s.popen_status.erase(it);
+        }
+    }
+    ::fclose(stream);
+    return status;
+}
+
+void sleep_us(uint64_t us)
+{
+    auto state = sim::attached();
+    if (state && state->fast) {
+        state->clock_offset_ns += static_cast<int64_t>(us * 1000);
+        return;
+    }
+    struct timespec ts = {static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000) * 1000};
+    while (::nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+uint64_t monotonic_ns()
+{
+    auto state = sim::attached();
+    return real_monotonic_ns() + (state ? static_cast<uint64_t>(state->clock_offset_ns.load()) : 0);
+}
+
+} // namespace vexa::os

@@ -1,0 +1,95 @@
+// The virtual board's internal state, shared by the core's files.
+#ifndef VEXA_SIM_STATE_H
+#define VEXA_SIM_STATE_H
+
+#include <atomic>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sim/board.h"
+
+namespace vexa::sim {
+
+struct Board::State {
+    std::string root;
+    bool temporary = false;
+    std::atomic<bool> fast{false};
+    std::atomic<int64_t> clock_offset_ns{0};
+
+    struct FaultSlot {
+        Fault fault;
+        int seen = 0;
+        int fired = 0;
+        long long budget_left = -1;
+    };
+    struct OpenFile {
+        std::string board_path;
+        std::shared_ptr<DeviceModel> model;
+    };
+
+    std::mutex mu; // guards everything below
+    std::vector<FaultSlot> faults;
+    std::map<std::string, std::shared_ptr<DeviceModel>> models;
+    std::map<int, OpenFile> open_files;
+    std::map<std::string, CommandHandler> commands;
+    std::map<FILE *, int> popen_status;
+
+    ~State();
+
+    std::string state_path(const char *name) const { return root + "/.board/" + name; }
+    std::string host_path(const std::string &board_path) const;
+};
+
+// The attached board, or null when a board was attached and detached again
+// (a platform call then fails rather than touching the default board).
+std::shared_ptr<Board::State> attached();
+
+// Fault injection. fires() counts the call and tells whether a fault takes it;
+// then *result and errno are what the call returns.
+bool fault_fires(Board::State &s, const char *call, const std::string &path, long *result);
+// Bytes a write of count bytes on path may pass, or count when no budget
+// applies; -1 when the budget is spent (errno set).
+long long fault_write_allowance(Board::State &s, const char *call, const std::string &path,
+                                long long count);
+
+// A text file of the board's state, read and replaced under an exclusive lock
+// shared with other processes.
+std::string read_state(const Board::State &s, const char *name);
+void write_state(const Board::State &s, const char *name, const std::string &text);
+void append_state(const Board::State &s, const char *name, const std::string &line);
+// Runs fn while holding the board's cross-process lock.
+template <typename Fn> auto with_board_lock(const Board::State &s, Fn fn) -> decltype(fn());
+class BoardLock {
+public:
+    explicit BoardLock(const Board::State &s);
+    ~BoardLock();
+    BoardLock(const BoardLock &) = delete;
+    BoardLock &operator=(const BoardLock &) = delete;
+
+private:
+    int fd_;
+};
+template <typename Fn> auto with_board_lock(const Board::State &s, Fn fn) -> decltype(fn())
+{
+    BoardLock lock(s);
+    return fn();
+}
+
+// Escaping for one-line records: backslash, newline, tab.
+std::string escape_line(const std::string &text);
+std::string unescape_line(const std::string &text);
+
+// GPIO lines of the board's state file.
+int line_level(const Board::State &s, int id);
+void drive_line(const Board::State &s, int id, int level, const char *direction);
+
+void record_command(Board::State &s, const std::string &command);
+CommandResult run_command(Board::State &s, const std::string &command);
+
+} // namespace vexa::sim
+
+#endif

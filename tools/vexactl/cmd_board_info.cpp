@@ -1,0 +1,158 @@
+// The loaded product record and the board's log: config, log.
+#include <cstring>
+#include <sstream>
+
+#include "tools/vexactl/command.h"
+#include "vexasdk/product_config.h"
+
+namespace vexactl {
+namespace {
+
+std::string gpio(const bi_gpio_entry_t &e) { return std::to_string(e.gpio_id); }
+std::string hex(unsigned v)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%02x", v);
+    return text;
+}
+std::string num(double v)
+{
+    std::ostringstream out;
+    out << v;
+    return out.str();
+}
+
+int run_config(Context &ctx, const Args &args)
+{
+    if (!args.empty())
+        return usage_error(command_named("config"), "takes no arguments");
+    ctx.load_config();
+    const bi_product_config_t *p = bi_product;
+    if (p == nullptr)
+        return fail("the product record could not be loaded; see 'vexactl log'");
+    Table t({"field", "value"});
+    t.row({"mod_id", std::to_string(p->mod_id)});
+    t.row({"product_name", p->product_name});
+    const std::pair<const char *, const bi_path_entry_t *> paths[] = {
+        {"serial_485_1", &p->serial_485_1}, {"serial_485_2", &p->serial_485_2},
+        {"serial_232_1", &p->serial_232_1}, {"serial_232_2", &p->serial_232_2},
+        {"serial_hdmi_1", &p->serial_hdmi_1}, {"serial_lora_1", &p->serial_lora_1},
+        {"serial_ttl_1", &p->serial_ttl_1},   {"serial_ttl_2", &p->serial_ttl_2},
+        {"hdmi_edid", &p->hdmi_edid},         {"fpga_drv", &p->fpga_drv},
+        {"fpga_fw", &p->fpga_fw},             {"fpga_program", &p->fpga_program},
+        {"fpga_parameter", &p->fpga_parameter}, {"hex_parameter", &p->hex_parameter},
+        {"spi_fpga", &p->spi_fpga},           {"rtc_device", &p->rtc_device},
+    };
+    for (auto &[name, entry] : paths)
+        t.row({name, entry->path});
+    t.row({"watchdog.wdt_dev", p->watchdog.wdt_dev});
+    t.row({"watchdog.wdt_timeout", std::to_string(p->watchdog.wdt_timeout)});
+    t.row({"watchdog.wdt_interval", std::to_string(p->watchdog.wdt_interval)});
+    t.row({"fpga_drv_id", std::to_string(p->fpga_drv_id)});
+    t.row({"fpga_protocol_type", std::to_string(p->fpga_protocol.protocol_type)});
+    for (const auto *a : {&p->audio_0, &p->audio_1}) {
+        const std::string n = a == &p->audio_0 ? "audio_0" : "audio_1";
+        t.row({n + ".path", a->path});
+        t.row({n + ".device_addr", hex(a->device_addr)});
+        t.row({n + ".enable_addr", hex(a->enable_addr)});
+        t.row({n + ".channel_addr", hex(a->channel_addr)});
+        t.row({n + ".volume_addr", hex(a->volume_addr)});
+        t.row({n + ".status_addr", hex(a->status_addr)});
+        t.row({n + ".enable", hex(a->enable)});
+        t.row({n + ".disable", hex(a->disable)});
+    }
+    for (const auto *c : {&p->rtc_0, &p->clock_0}) {
+        const std::string n = c == &p->rtc_0 ? "rtc_0" : "clock_0";
+        t.row({n + ".path", c->path});
+        t.row({n + ".device_addr", hex(c->device_addr)});
+        t.row({n + ".status_addr", hex(c->status_addr)});
+    }
+    const std::pair<const char *, const bi_gpio_entry_t *> gpios[] = {
+        {"led_network", &p->led_network},       {"led_sys", &p->led_sys},
+        {"led_4gwork", &p->led_4gwork},         {"led_position", &p->led_position},
+        {"led_switch", &p->led_switch},         {"led_running", &p->led_running},
+        {"led_tri_red", &p->led_tri_red},       {"led_tri_green", &p->led_tri_green},
+        {"led_tri_blue", &p->led_tri_blue},     {"led_cloud", &p->led_cloud},
+        {"simple_fan_1", &p->simple_fan_1},     {"usb_select_0", &p->usb_select_0},
+        {"usb_select_1", &p->usb_select_1},     {"factory_tools", &p->factory_tools},
+        {"interior_relay", &p->interior_relay}, {"peripheral_relay_1", &p->peripheral_relay_1},
+        {"peripheral_relay_2", &p->peripheral_relay_2}, {"peripheral_relay_3", &p->peripheral_relay_3},
+        {"peripheral_relay_4", &p->peripheral_relay_4}, {"pc_ctrl", &p->pc_ctrl},
+        {"sub_card_led", &p->sub_card_led},     {"headphone_power", &p->headphone_power},
+        {"ops_usb", &p->ops_usb},               {"ops_switch", &p->ops_switch},
+        {"ops_on", &p->ops_on},                 {"ops_control", &p->ops_control},
+        {"ops_detect", &p->ops_detect},         {"otg_mode", &p->otg_mode},
+        {"mcu_wdt_switch", &p->mcu_wdt_switch}, {"mcu_wdt_pulse", &p->mcu_wdt_pulse},
+        {"mcu_wdt_startup_type", &p->mcu_wdt_startup_type}, {"lora_check", &p->lora_check},
+        {"4g_reset", &p->reset_4g},             {"4g_power", &p->power_4g},
+        {"fpga_control_gpio", &p->fpga_control_gpio}, {"fpga_config_gpio", &p->fpga_config_gpio},
+        {"fpga_done_gpio", &p->fpga_done_gpio},
+    };
+    for (auto &[name, entry] : gpios)
+        t.row({name, gpio(*entry)});
+    t.row({"adc_board_id.path", p->adc_board_id.path});
+    t.row({"adc_board_id.vref", num(p->adc_board_id.vref)});
+    t.row({"adc_board_id.n", std::to_string(p->adc_board_id.n)});
+    t.row({"adc_board_voltage.path", p->adc_board_voltage.path});
+    t.row({"adc_board_voltage.r1", std::to_string(p->adc_board_voltage.r1)});
+    t.row({"adc_board_voltage.r2", std::to_string(p->adc_board_voltage.r2)});
+    t.row({"adc_board_temperature.path", p->adc_board_temperature.path});
+    t.row({"adc_board_temperature.vin", num(p->adc_board_temperature.vin)});
+    t.row({"adc_board_temperature.r1", std::to_string(p->adc_board_temperature.r1)});
+    for (int i = 0; i < 4; ++i)
+        t.row({"usb" + std::to_string(i + 1) + "_path", p->usb_path[i]});
+    t.row({"screen_mode", p->screen_mode});
+    for (int i = 0; i < 4; ++i)
+        t.row({"hdmi_in_" + std::to_string(i + 1) + "_path", p->hdmi_in_path[i]});
+    for (int i = 0; i < 4; ++i)
+        t.row({"hdmi_out_" + std::to_string(i + 1) + "_path", p->hdmi_out_path[i]});
+    t.row({"phy_num", std::to_string(p->phy_num)});
+    for (int i = 0; i < 4; ++i)
+        t.row({"phy" + std::to_string(i + 1) + "_state_cmd", p->phy_state_cmd[i]});
+    t.row({"external_relay_num", std::to_string(p->external_relay_num)});
+    t.print(ctx);
+    return 0;
+}
+
+VEXACTL_COMMAND(config, {"config", "", "Show the loaded product record",
+                         "Loads the product INI file as bi_init_product_config does and prints every\n"
+                         "field of the record. Missing keys read -1 (numbers), 0xff (8-bit fields)\n"
+                         "and UNDEF (paths).",
+                         run_config});
+
+int run_log(Context &ctx, const Args &args)
+{
+    const Command &command = command_named("log");
+    bool clear = false;
+    for (auto &arg : args) {
+        if (arg == "--clear")
+            clear = true;
+        else
+            return usage_error(command, "unknown argument '" + arg + "'");
+    }
+    auto &board = ctx.board();
+    if (clear) {
+        board.clear_log();
+        return 0;
+    }
+    if (ctx.json) {
+        Table t({"priority", "tag", "text"});
+        for (auto &record : board.log()) {
+            std::string text = record.text;
+            if (!text.empty() && text.back() == '\n')
+                text.pop_back();
+            t.row({std::to_string(record.priority), record.tag, text});
+        }
+        t.print(ctx);
+        return 0;
+    }
+    for (auto &line : board.log_lines())
+        std::fprintf(ctx.out, "%s\n", line.c_str());
+    return 0;
+}
+
+VEXACTL_COMMAND(log, {"log", "[--clear]", "Show the board's log, one record a line as P/TAG: TEXT",
+                      "P is D, I, W or E (debug, info, warning, error). --clear empties the log.", run_log});
+
+} // namespace
+} // namespace vexactl
