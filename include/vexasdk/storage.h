@@ -13,6 +13,46 @@ VEXA_EXTERN_C_BEGIN
 
 /* ---- Block partitions and vendor storage ---- */
 
+/*
+ * The named raw partitions come from the product record: "defined" (EDID
+ * data and display parameters) from hdmi_edid_path, the screen parameters
+ * from fpga_parameter, the FPGA program from fpga_program_path.
+ *
+ * Errors: the HAL's result is returned as it is (0 or more on success,
+ * negative on failure); a check failure (no record, a path that is empty,
+ * "UNDEF" or missing, a null argument) returns -1. Messages go to the log
+ * under "vexa_system_bi_block".
+ *
+ * Threads: no lock is taken; callers serialise access to one partition.
+ */
+
+/* Read or write len bytes at a byte offset of the named partition. */
+VEXA_API int32_t bi_block_read_defined(uint32_t offset, void *buf, uint32_t len);
+VEXA_API int32_t bi_block_write_defined(uint32_t offset, const void *buf, uint32_t len);
+VEXA_API int32_t bi_block_read_screen(uint32_t offset, void *buf, uint32_t len);
+VEXA_API int32_t bi_block_write_screen(uint32_t offset, const void *buf, uint32_t len);
+/* Also prints its own name on standard output. */
+VEXA_API int32_t bi_block_read_fpga_program(uint32_t offset, void *buf, uint32_t len);
+VEXA_API int32_t bi_block_write_fpga_program(uint32_t offset, const void *buf, uint32_t len);
+
+/* Any partition or file, without an existence check. */
+VEXA_API int32_t bi_block_read_data(const char *path, uint32_t offset, void *buf, uint32_t len);
+VEXA_API int32_t bi_block_write_data(const char *path, uint32_t offset, const void *buf,
+                                     uint32_t len);
+
+/* A numbered vendor-storage item; len (the buffer's size in bytes) and flags
+ * go to the HAL unchanged. The buffer is logged as text, at most len bytes. */
+VEXA_API int32_t bi_block_read_vendor_storage(int32_t item, void *buf, uint32_t len,
+                                              uint32_t flags);
+VEXA_API int32_t bi_block_write_vendor_storage(int32_t item, const void *buf, uint32_t len,
+                                               uint32_t flags);
+
+/* Runs badblocks over the device into "/sdcard/block_test_result.txt": 0 when
+ * the result file is empty or missing, -1 when it lists bad blocks, when the
+ * command cannot run, or when the path holds shell metacharacters or does
+ * not fit the 512-byte command. */
+VEXA_API int32_t bi_block_check(const char *device);
+
 /* ---- end of block partitions and vendor storage ---- */
 
 /* ---- U-Boot environment ---- */
