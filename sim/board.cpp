@@ -613,6 +613,12 @@ void Board::on_command(const std::string &program, CommandHandler handler) const
     state_->commands[program] = std::move(handler);
 }
 
+void Board::on_mount(const std::string &source, MountHandler handler) const
+{
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->mount_handlers[source] = std::move(handler);
+}
+
 std::vector<std::string> Board::reboots() const
 {
     std::vector<std::string> out;

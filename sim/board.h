@@ -87,6 +87,13 @@ struct CommandResult {
 using CommandHandler =
     std::function<CommandResult(const std::vector<std::string> &argv, const std::string &command)>;
 
+// Carries out a mount of a device: called with attaching true after the
+// core's checks pass (the device's files should appear at target) and with
+// attaching false when target is unmounted. Returns 0, or -1 with errno set
+// (the mount then fails and is not recorded).
+using MountHandler =
+    std::function<int(const std::string &source, const std::string &target, bool attaching)>;
+
 class Board;
 
 // Hooks that areas of the board register from their own files (see
@@ -177,6 +184,8 @@ public:
     void clear_commands() const;
     // Carries out commands whose first word (its base name) is `program`.
     void on_command(const std::string &program, CommandHandler handler) const;
+    // Carries out mounts of the device `source` (board path).
+    void on_mount(const std::string &source, MountHandler handler) const;
 
     // Reboot requests, recorded instead of carried out ("" for a plain one).
     std::vector<std::string> reboots() const;

@@ -321,6 +321,8 @@ int mount(const char *source, const char *target, const char *fstype, unsigned l
                 return -1;
             }
         }
+        if (auto handler = s.mount_handler(source); handler && handler(source, target, true) != 0)
+            return -1;
         sim::write_state(s, "mounts", mounts + line.str() + "\n");
         return 0;
     });
@@ -338,9 +340,11 @@ int umount(const char *target)
             std::istringstream words(l);
             std::string src, dst;
             words >> src >> dst;
-            if (dst == str(target) && !found)
+            if (dst == str(target) && !found) {
                 found = true;
-            else
+                if (auto handler = s.mount_handler(src); handler && handler(src, dst, false) != 0)
+                    return -1;
+            } else
                 kept += l + "\n";
         }
         if (!found) {

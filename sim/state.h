@@ -36,12 +36,19 @@ struct Board::State {
     std::map<std::string, std::shared_ptr<DeviceModel>> models;
     std::map<int, OpenFile> open_files;
     std::map<std::string, CommandHandler> commands;
+    std::map<std::string, MountHandler> mount_handlers; // by source device
     std::map<FILE *, int> popen_status;
 
     ~State();
 
     std::string state_path(const char *name) const { return root + "/.board/" + name; }
     std::string host_path(const std::string &board_path) const;
+    MountHandler mount_handler(const std::string &source)
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        auto it = mount_handlers.find(source);
+        return it == mount_handlers.end() ? MountHandler() : it->second;
+    }
 };
 
 // The attached board, or null when a board was attached and detached again
