@@ -1,0 +1,600 @@
+// The U-Boot environment store: partition image <-> list of key/value entries.
+#include "vexasdk/Ubootenv.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <mtd/mtd-user.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "platform/android.h"
+#include "platform/os.h"
+
+namespace {
+
+const char kTag[] = "Ubootenv";
+const char kPrefix[] = "ubootenv.var.";
+constexpr size_t kPrefixLen = sizeof(kPrefix) - 1;
+const char kLevelProperty[] = "persist.vendor.sc.log.level";
+
+// The second copy always sits here, whatever the image size.
+constexpr off_t kSecondCopy = 65536;
+constexpr uint32_t kDefaultImageSize = 65536;
+// Largest image a MEMGETINFO answer may ask for: anything bigger is a broken
+// answer, not an environment.
+constexpr uint32_t kMaxImageSize = 16u << 20;
+
+const char kNandEnv[] = "/dev/nand_env";
+const char kBlockEnv[] = "/dev/block/env";
+const char kByNameEnv[] = "/dev/block/by-name/env";
+const char kByNameUbootenv[] = "/dev/block/by-name/ubootenv";
+
+constexpr size_t kKeyMax = sizeof(Ubootenv::Attribute::key);
+constexpr size_t kValueMax = sizeof(Ubootenv::Attribute::value);
+
+// Copies at most len bytes of src into a field of cap bytes, NUL-terminated.
+void copy_field(char *dst, size_t cap, const char *src, size_t len)
+{
+    const size_t n = std::min(len, cap - 1);
+    std::memcpy(dst, src, n);
+    dst[n] = '\0';
+}
+
+// Reads up to count bytes; returns what arrived, or the failing read's result
+// when nothing did.
+ssize_t read_fully(int fd, uint8_t *buf, size_t count)
+{
+    size_t done = 0;
+    while (done < count) {
+        const ssize_t n = vexa::os::read(fd, buf + done, count - done);
+        if (n < 0)
+            return done > 0 ? static_cast<ssize_t>(done) : n;
+        if (n == 0)
+            break;
+        done += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+uint32_t stored_crc(const uint8_t *image)
+{
+    uint32_t crc;
+    std::memcpy(&crc, image, sizeof crc);
+    return crc;
+}
+
+uint32_t data_crc(const char *data, uint32_t size)
+{
+    return static_cast<uint32_t>(crc32(0L, reinterpret_cast<const Bytef *>(data), size));
+}
+
+} // namespace
+
+#define ENV_E(...) say(ANDROID_LOG_ERROR, __func__, __LINE__, __VA_ARGS__)
+#define ENV_I(...) say(ANDROID_LOG_INFO, __func__, __LINE__, __VA_ARGS__)
+// A message whose text differs between the class and the standard-output store.
+#define ENV_E2(classFmt, twinFmt, ...) \
+    sayAs(ANDROID_LOG_ERROR, __func__, __LINE__, classFmt, twinFmt, __VA_ARGS__)
+
+Ubootenv::Ubootenv() : Ubootenv(Voice::SystemLog)
+{
+    init();
+}
+
+Ubootenv::Ubootenv(Voice voice)
+    : mEnvPartitionSize(kDefaultImageSize), mEnvSize(kDefaultImageSize - 4), mEnvData(nullptr),
+      mEnvCrc(nullptr), mEnvBuf(nullptr), mEnvInitDone(0), mVoice(voice)
+{
+    std::memset(mEnvPartitionName, 0, sizeof mEnvPartitionName);
+    std::memset(&mEnvAttrHeader, 0, sizeof mEnvAttrHeader);
+}
+
+Ubootenv::~Ubootenv()
+{
+    release();
+}
+
+void Ubootenv::sayAs(int prio, const char *member, int line, const char *classFmt,
+                     const char *twinFmt, ...)
+{
+    va_list ap;
+    va_start(ap, twinFmt);
+    if (mVoice == Voice::StandardOutput) {
+        std::vprintf(twinFmt, ap);
+        std::fflush(stdout);
+        va_end(ap);
+        return;
+    }
+    // The level is read anew for every message so that it can be changed
+    // while the service runs.
+    char level_text[PROPERTY_VALUE_MAX] = {0};
+    property_get(kLevelProperty, level_text, "4");
+    const int level = std::atoi(level_text);
+    const bool shown = prio >= ANDROID_LOG_ERROR ? level < 7 : level < 5;
+    if (shown) {
+        char text[8192];
+        int n = std::snprintf(text, sizeof text, "[%s, %s, %d] ", "Ubootenv.cpp", member, line);
+        if (n < 0)
+            n = 0;
+        std::vsnprintf(text + n, sizeof text - static_cast<size_t>(n), classFmt, ap);
+        __android_log_print(prio, kTag, "%s", text);
+    }
+    va_end(ap);
+}
+
+void Ubootenv::say(int prio, const char *member, int line, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    char text[8192];
+    std::vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    sayAs(prio, member, line, "%s", "%s", text);
+}
+
+bool Ubootenv::devicePresent(const char *path)
+{
+    // The class asks for the file status, the standard-output store for access.
+    if (mVoice == Voice::StandardOutput)
+        return vexa::os::access(path, F_OK) == 0;
+    struct stat st;
+    return vexa::os::stat(path, &st) == 0;
+}
+
+void Ubootenv::freeEntries()
+{
+    Attribute *entry = mEnvAttrHeader.next;
+    while (entry != nullptr) {
+        Attribute *next = entry->next;
+        delete entry;
+        entry = next;
+    }
+    std::memset(&mEnvAttrHeader, 0, sizeof mEnvAttrHeader);
+}
+
+void Ubootenv::release()
+{
+    std::free(mEnvData);
+    mEnvData = nullptr;
+    mEnvCrc = nullptr;
+    mEnvBuf = nullptr;
+    freeEntries();
+    mEnvInitDone = 0;
+}
+
+int Ubootenv::init()
+{
+    mEnvPartitionSize = kDefaultImageSize;
+    mEnvSize = kDefaultImageSize - 4;
+
+    const char *chosen = nullptr;
+    if (devicePresent(kNandEnv)) {
+        chosen = kNandEnv;
+        if (mVoice == Voice::StandardOutput)
+            std::printf("use nand env\npartition name: %s\n", chosen);
+    } else if (devicePresent(kBlockEnv)) {
+        chosen = kBlockEnv;
+        if (mVoice == Voice::StandardOutput)
+            std::printf("use block env\npartition name: %s\n", chosen);
+    } else if (devicePresent(kByNameEnv)) {
+        chosen = kByNameEnv;
+        if (mVoice == Voice::StandardOutput)
+            std::printf("use block env by name\npartition name: %s\n", chosen);
+    } else if (devicePresent(kByNameUbootenv)) {
+        chosen = kByNameUbootenv;
+        if (mVoice == Voice::StandardOutput)
+            std::printf("use block uboot env\n");
+    }
+    if (chosen != nullptr)
+        copy_field(mEnvPartitionName, sizeof mEnvPartitionName, chosen, std::strlen(chosen));
+
+    if (chosen == kByNameUbootenv) {
+        const int fd = vexa::os::open(mEnvPartitionName, O_RDWR);
+        if (fd < 0) {
+            ENV_E("[ubootenv] open device(%s) error\n", mEnvPartitionName);
+            return -2;
+        }
+        mtd_info_user info{};
+        const int rc = vexa::os::ioctl(fd, MEMGETINFO, &info);
+        vexa::os::close(fd);
+        // A size too small for the CRC or absurdly large is a broken answer.
+        if (rc < 0 || info.size < 8 || info.size > kMaxImageSize) {
+            ENV_E("[ubootenv] get MTD info error\n");
+            return -3;
+        }
+        mEnvPartitionSize = info.size;
+        mEnvSize = info.size - 4;
+    }
+    if (mVoice == Voice::StandardOutput)
+        std::printf("hello %s %d\n", "init", 224);
+
+    ENV_I("[ubootenv] using %s with size(%d) (%d)", mEnvPartitionName,
+          static_cast<int>(mEnvPartitionSize), static_cast<int>(mEnvSize));
+
+    int rc = -1;
+    int attempt = 0;
+    for (attempt = 1; attempt <= 5; ++attempt) {
+        rc = readPartitionData();
+        if (rc == 0)
+            break;
+        ENV_E("[ubootenv] Cannot read %s: %d.\n", mEnvPartitionName, rc);
+        if (rc < -2) {
+            std::free(mEnvData);
+            mEnvData = nullptr;
+            mEnvCrc = nullptr;
+            mEnvBuf = nullptr;
+        }
+    }
+    // A read that only worked on the last attempt is not trusted: the device
+    // is failing and a save could make it worse.
+    if (rc == 0 && attempt <= 4) {
+        if (mVoice == Voice::StandardOutput)
+            std::printf("[ubootenv] read %s success \n", mEnvPartitionName);
+        propertyLoad();
+        return 0;
+    }
+    ENV_E("[ubootenv] read %s failed \n", mEnvPartitionName);
+    return -2;
+}
+
+int Ubootenv::readPartitionData()
+{
+    const int fd = vexa::os::open(mEnvPartitionName, O_RDONLY);
+    if (fd < 0) {
+        ENV_E("[ubootenv] open devices error: %s\n", std::strerror(errno));
+        return -1;
+    }
+    std::free(mEnvData);
+    mEnvData = static_cast<uint8_t *>(std::calloc(mEnvPartitionSize, 1));
+    if (mEnvData == nullptr) {
+        mEnvCrc = nullptr;
+        mEnvBuf = nullptr;
+        ENV_E("[ubootenv] Not enough memory for environment (%u bytes)\n", mEnvPartitionSize);
+        vexa::os::close(fd);
+        return -2;
+    }
+    mEnvCrc = reinterpret_cast<uint32_t *>(mEnvData);
+    mEnvBuf = reinterpret_cast<char *>(mEnvData + 4);
+
+    ssize_t n = read_fully(fd, mEnvData, mEnvPartitionSize);
+    if (n == static_cast<ssize_t>(mEnvPartitionSize)) {
+        const uint32_t saved = stored_crc(mEnvData);
+        const uint32_t calc = data_crc(mEnvBuf, mEnvSize);
+        if (saved == calc) {
+            parseAttribute();
+            vexa::os::close(fd);
+            return 0;
+        }
+        ENV_E2("[ubootenv] CRC Check SYS_LOGE save_crc=%08x, crcCalc = %08x \n",
+               "[ubootenv] CRC Check printf save_crc=%08x, crcCalc = %08x \n", saved, calc);
+    } else {
+        ENV_E("[ubootenv] read error 0x%x \n", static_cast<unsigned>(n));
+    }
+
+    ENV_I("first env error, try second....\n");
+    const off_t where = vexa::os::lseek(fd, kSecondCopy, SEEK_SET);
+    if (where != kSecondCopy)
+        ENV_E("[ubootenv] lseek error, seeknum = %d \n", static_cast<int>(where));
+    // The second copy is read as 65536 bytes; a smaller image reads only what
+    // its buffer holds.
+    n = read_fully(fd, mEnvData, std::min<size_t>(kSecondCopy, mEnvPartitionSize));
+    if (n == static_cast<ssize_t>(mEnvPartitionSize)) {
+        const uint32_t saved = stored_crc(mEnvData);
+        const uint32_t calc = data_crc(mEnvBuf, mEnvSize);
+        if (saved != calc) {
+            ENV_E2("[ubootenv] CRC2 Check SYS_LOGE save_crc=%08x, crcCalc = %08x \n",
+                   "[ubootenv] CRC2 Check printf save_crc=%08x, crcCalc = %08x \n", saved, calc);
+            vexa::os::close(fd);
+            return -3;
+        }
+    }
+    // Anything else, a short second copy included, is taken as it stands.
+    parseAttribute();
+    vexa::os::close(fd);
+    return 0;
+}
+
+void Ubootenv::parseAttribute()
+{
+    freeEntries();
+    if (mEnvBuf == nullptr)
+        return;
+    const char *p = mEnvBuf;
+    const char *const end = mEnvBuf + mEnvSize;
+    Attribute *entry = &mEnvAttrHeader;
+    while (p < end) {
+        const size_t len = strnlen(p, static_cast<size_t>(end - p));
+        const char *eq = static_cast<const char *>(std::memchr(p, '=', len));
+        if (eq != nullptr) {
+            copy_field(entry->key, kKeyMax, p, static_cast<size_t>(eq - p));
+            copy_field(entry->value, kValueMax, eq + 1, len - static_cast<size_t>(eq - p) - 1);
+        } else {
+            ENV_E("[ubootenv] error need '=' skip this value\n");
+        }
+        const char *next = p + len + 1;
+        if (next >= end || *next == '\0')
+            break;
+        Attribute *added = new (std::nothrow) Attribute();
+        if (added == nullptr) {
+            ENV_E("[ubootenv] parse attribute malloc error \n");
+            break;
+        }
+        entry->next = added;
+        entry = added;
+        p = next;
+    }
+}
+
+void Ubootenv::formatAttribute()
+{
+    if (mEnvBuf == nullptr)
+        return;
+    std::memset(mEnvBuf, 0, mEnvSize);
+    size_t cursor = 0;
+    for (const Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
+        const size_t key_len = strnlen(entry->key, kKeyMax - 1);
+        const size_t value_len = strnlen(entry->value, kValueMax - 1);
+        const size_t len = key_len + 1 + value_len;
+        if (len <= 2) {
+            ENV_E("[ubootenv] Invalid env data key:%.*s, value:%.*s\n", static_cast<int>(key_len),
+                  entry->key, static_cast<int>(value_len), entry->value);
+            continue;
+        }
+        // Keep room for the text's NUL and the empty string that ends the list.
+        if (cursor + len + 2 > mEnvSize) {
+            ENV_E("[ubootenv] env data full, dropping key:%.*s\n", static_cast<int>(key_len),
+                  entry->key);
+            continue;
+        }
+        std::memcpy(mEnvBuf + cursor, entry->key, key_len);
+        mEnvBuf[cursor + key_len] = '=';
+        std::memcpy(mEnvBuf + cursor + key_len + 1, entry->value, value_len);
+        cursor += len + 1;
+    }
+}
+
+int Ubootenv::propertyLoad()
+{
+    ENV_E("[ubootenv] set property count: %d\n", 0);
+    mEnvInitDone = 1;
+    return 0;
+}
+
+const char *Ubootenv::get(const char *key)
+{
+    if (!mEnvInitDone) {
+        ENV_E("[ubootenv] don't init done\n");
+        return nullptr;
+    }
+    if (key == nullptr)
+        return nullptr;
+    for (const Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
+        if (std::strcmp(entry->key, key) == 0)
+            return entry->value;
+    }
+    return nullptr;
+}
+
+int Ubootenv::set(const char *key, const char *value, bool createNew)
+{
+    if (key == nullptr)
+        return 0;
+    if (value == nullptr)
+        value = "";
+    // Compare and store the key as the entry holds it.
+    char wanted[kKeyMax];
+    copy_field(wanted, sizeof wanted, key, std::strlen(key));
+    Attribute *last = &mEnvAttrHeader;
+    for (Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
+        if (std::strcmp(entry->key, wanted) == 0) {
+            copy_field(entry->value, kValueMax, value, std::strlen(value));
+            return 2;
+        }
+        last = entry;
+    }
+    if (!createNew)
+        return 0;
+    if (mVoice == Voice::StandardOutput) {
+        std::printf("[ubootenv] ubootenv.var.%s not found, create it.\n", wanted);
+        std::fflush(stdout);
+    }
+    Attribute *added = new (std::nothrow) Attribute();
+    if (added == nullptr)
+        return 0;
+    copy_field(added->key, kKeyMax, wanted, std::strlen(wanted));
+    copy_field(added->value, kValueMax, value, std::strlen(value));
+    last->next = added;
+    return 1;
+}
+
+bool Ubootenv::isEnv(const char *name)
+{
+    return name != nullptr && name[0] != '\0' && std::strncmp(name, kPrefix, kPrefixLen) == 0 &&
+           std::strlen(name) > kPrefixLen;
+}
+
+const char *Ubootenv::getValue(const char *name)
+{
+    if (isEnv(name)) {
+        std::lock_guard<std::mutex> hold(mEnvLock);
+        return get(name + kPrefixLen);
+    }
+    ENV_E("[ubootenv] %s is not a ubootenv variable and need prefix:ubootenv.var.xxx\n",
+          name ? name : "(null)");
+    printValues();
+    return nullptr;
+}
+
+int Ubootenv::updateValue(const char *name, const char *value)
+{
+    if (!mEnvInitDone) {
+        ENV_E("[ubootenv] bootenv do not init\n");
+        return -1;
+    }
+    if (value == nullptr)
+        value = "";
+    ENV_I("[ubootenv] update value name [%s]: value [%s] \n", name ? name : "(null)", value);
+
+    const char *key = nullptr;
+    if (name != nullptr && std::strcmp(name, "ubootenv.var.bootcmd") == 0) {
+        key = "bootcmd";
+    } else if (isEnv(name)) {
+        key = name + kPrefixLen;
+    } else {
+        ENV_E("[ubootenv] %s is not a ubootenv variable.\n", name ? name : "(null)");
+        return -2;
+    }
+
+    // The value as an entry can hold it, so that an over-long value that is
+    // already stored counts as unchanged.
+    const std::string wanted(value, strnlen(value, kValueMax - 1));
+    std::lock_guard<std::mutex> hold(mEnvLock);
+    const char *current = get(key);
+    if (wanted == (current ? current : ""))
+        return 0;
+
+    set(key, wanted.c_str(), true);
+    int rc = -1;
+    int attempt = 0;
+    for (attempt = 1; attempt <= 5; ++attempt) {
+        rc = save();
+        if (rc == 0)
+            break;
+        ENV_E("[ubootenv] Cannot write %s: %d.\n", mEnvPartitionName, rc);
+    }
+    if (rc == 0 && (mVoice == Voice::StandardOutput || attempt < 5))
+        ENV_E("[ubootenv] Save ubootenv to %s succeed!\n", mEnvPartitionName);
+    return rc;
+}
+
+int Ubootenv::save()
+{
+    if (mEnvData == nullptr) {
+        // Nothing read yet: build the image from the entries alone.
+        mEnvData = static_cast<uint8_t *>(std::calloc(mEnvPartitionSize, 1));
+        if (mEnvData == nullptr) {
+            ENV_E("[ubootenv] Out of memory!!!\n");
+            return -5;
+        }
+        mEnvCrc = reinterpret_cast<uint32_t *>(mEnvData);
+        mEnvBuf = reinterpret_cast<char *>(mEnvData + 4);
+    }
+    formatAttribute();
+    const uint32_t crc = data_crc(mEnvBuf, mEnvSize);
+    std::memcpy(mEnvData, &crc, sizeof crc);
+
+    const int fd = vexa::os::open(mEnvPartitionName, O_RDWR);
+    if (fd < 0) {
+        ENV_E("[ubootenv] open devices error\n");
+        return -1;
+    }
+    const size_t image = mEnvPartitionSize;
+    ssize_t written = 0;
+    if (std::strstr(mEnvPartitionName, "mtd") == nullptr) {
+        vexa::os::lseek(fd, 0, SEEK_SET);
+        vexa::os::write(fd, mEnvData, image);
+        const off_t where = vexa::os::lseek(fd, kSecondCopy, SEEK_SET);
+        if (where != kSecondCopy)
+            ENV_E("[ubootenv] lseek error, seek num = %d \n", static_cast<int>(where));
+        written = vexa::os::write(fd, mEnvData, image);
+    } else {
+        mtd_info_user info{};
+        if (vexa::os::ioctl(fd, MEMGETINFO, &info) < 0) {
+            ENV_E("[ubootenv] Get MTD info error\n");
+            vexa::os::close(fd);
+            return -4;
+        }
+        // A device with room beyond the two copies is rewritten whole, so
+        // that erasing it keeps what lies after them.
+        std::unique_ptr<uint8_t[]> whole;
+        erase_info_user erase{0, static_cast<uint32_t>(2 * image)};
+        if (info.size > 2 * image) {
+            whole.reset(new (std::nothrow) uint8_t[info.size]);
+            if (!whole) {
+                ENV_E("[ubootenv] Out of memory!!!\n");
+                vexa::os::close(fd);
+                return -5;
+            }
+            if (read_fully(fd, whole.get(), info.size) != static_cast<ssize_t>(info.size)) {
+                ENV_E("[ubootenv] Read access failed !!!\n");
+                vexa::os::close(fd);
+                return -6;
+            }
+            std::memcpy(whole.get(), mEnvData, image);
+            if (info.size > kSecondCopy) {
+                const size_t room = info.size - kSecondCopy;
+                std::memcpy(whole.get() + kSecondCopy, mEnvData, std::min(image, room));
+            }
+            erase.length = info.size;
+        }
+        const int erased = vexa::os::ioctl(fd, MEMERASE, &erase);
+        if (erased < 0) {
+            ENV_E2("[ubootenv] MEMERASE SYS_LOGE %d\n", "[ubootenv] MEMERASE printf %d\n", erased);
+            vexa::os::close(fd);
+            return -2;
+        }
+        if (info.size <= image) {
+            vexa::os::lseek(fd, 0, SEEK_SET);
+            vexa::os::write(fd, mEnvData, image);
+            const off_t where = vexa::os::lseek(fd, kSecondCopy, SEEK_SET);
+            if (where != kSecondCopy)
+                ENV_E("[ubootenv] can not lseek, seek num = %d \n", static_cast<int>(where));
+            written = vexa::os::write(fd, mEnvData, image);
+        } else if (whole) {
+            if (vexa::os::lseek(fd, 0, SEEK_SET) != 0) {
+                ENV_E2("%s() %d: err is %d\n", "%s() %d: err is %d\n", __func__, __LINE__, errno);
+                vexa::os::close(fd);
+                return -7;
+            }
+            written = vexa::os::write(fd, whole.get(), info.size);
+        } else {
+            ENV_E("data is NULL\n");
+        }
+    }
+    vexa::os::close(fd);
+    if (written < 0) {
+        ENV_E2("[ubootenv] SYS_LOGE write, size %d \n", "[ubootenv] printf write, size %d \n",
+               static_cast<int>(image));
+        return -3;
+    }
+    return 0;
+}
+
+void Ubootenv::printValues()
+{
+    for (const Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next)
+        ENV_I("[ubootenv] key: [%s], value: [%s]\n", entry->key, entry->value);
+}
+
+int Ubootenv::dump(int fd)
+{
+    int rc = 0;
+    std::string line;
+    for (const Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
+        line = "[ubootenv] key: [";
+        line += entry->key;
+        line += "], value: [";
+        line += entry->value;
+        line += "]\n";
+        rc = static_cast<int>(vexa::os::write(fd, line.data(), line.size()));
+    }
+    return rc;
+}
+
+int Ubootenv::reInit()
+{
+    std::lock_guard<std::mutex> hold(mEnvLock);
+    release();
+    init();
+    return 0;
+}
