@@ -1,0 +1,164 @@
+// The vendor-storage store: numbered items kept as files of the board root,
+// served both by the HAL's hal_vendor_storage_* and by the kernel node
+// "/dev/vendor_storage" with its read and write requests.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+
+#include "platform/hal.h"
+#include "sim/board.h"
+#include "sim/partitions/partitions.h"
+#include "sim/state.h"
+
+namespace fs = std::filesystem;
+
+namespace vexa::sim::partitions {
+namespace {
+
+constexpr size_t kItemMax = 4096;
+constexpr int kItemIdMax = 0xffff;
+
+// The node's request, as the kernel driver defines it.
+constexpr uint32_t kRequestTag = 0x56524551; // "QERV"
+constexpr unsigned long kRequestRead = 0x40047601;
+constexpr unsigned long kRequestWrite = 0x40047602;
+constexpr size_t kRequestDataMax = 64;
+struct Request {
+    uint32_t tag;
+    uint16_t id;
+    uint16_t len;
+    uint8_t data[kRequestDataMax];
+};
+
+std::mutex store_mu;
+
+// The item's bytes; false when it was never written.
+bool load_item(const std::string &root, int item, std::string *bytes)
+{
+    std::lock_guard<std::mutex> lock(store_mu);
+    std::ifstream in(vendor_item_path(root, item), std::ios::binary);
+    if (!in)
+        return false;
+    bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return true;
+}
+
+bool store_item(const std::string &root, int item, const void *data, size_t len)
+{
+    std::lock_guard<std::mutex> lock(store_mu);
+    const std::string path = vendor_item_path(root, item);
+    std::error_code ec;
+    fs::create_directories(fs::path(path).parent_path(), ec);
+    const std::string tmp = path + ".new";
+    {
+        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
+        if (!out.write(static_cast<const char *>(data), std::streamsize(len)))
+            return false;
+    }
+    fs::rename(tmp, path, ec);
+    return !ec;
+}
+
+class VendorStorageNode : public DeviceModel {
+public:
+    explicit VendorStorageNode(std::string root) : root_(std::move(root)) {}
+
+    int open(const std::string &, int, mode_t) override
+    {
+        return ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    }
+    ssize_t read(int, void *, size_t) override { return fail(EINVAL); }
+    ssize_t write(int, const void *, size_t) override { return fail(EINVAL); }
+
+    int ioctl(int, unsigned long request, void *arg) override
+    {
+        auto *req = static_cast<Request *>(arg);
+        if (req == nullptr || req->tag != kRequestTag)
+            return int(fail(EINVAL));
+        if (request == kRequestWrite) {
+            if (req->len > kRequestDataMax)
+                return int(fail(EINVAL));
+            return store_item(root_, req->id, req->data, req->len) ? 0 : int(fail(EIO));
+        }
+        if (request == kRequestRead) {
+            std::string bytes;
+            if (!load_item(root_, req->id, &bytes))
+                return int(fail(ENOENT));
+            const size_t n = std::min<size_t>({bytes.size(), req->len, kRequestDataMax});
+            memcpy(req->data, bytes.data(), n);
+            req->len = uint16_t(n);
+            return 0;
+        }
+        return int(fail(ENOTTY));
+    }
+
+private:
+    static ssize_t fail(int error)
+    {
+        errno = error;
+        return -1;
+    }
+    std::string root_;
+};
+
+} // namespace
+
+VEXA_SIM_ATTACHER(vendor_storage)
+{
+    board.add_model(kVendorStorageNode, std::make_shared<VendorStorageNode>(board.root()));
+}
+
+} // namespace vexa::sim::partitions
+
+// hal_vendor_storage_*: a is the length of the buffer in bytes, b is not used.
+// A read returns the bytes copied (at most a), -1 for an item never written.
+extern "C" int hal_vendor_storage_read(int item, void *buf, uint32_t a, uint32_t)
+{
+    auto state = vexa::sim::attached();
+    if (!state) {
+        errno = ENODEV;
+        return -1;
+    }
+    long fault_result;
+    if (vexa::sim::fault_fires(*state, "hal_vendor_storage_read", std::to_string(item),
+                               &fault_result))
+        return int(fault_result);
+    if (item < 0 || item > vexa::sim::partitions::kItemIdMax || (buf == nullptr && a != 0)) {
+        errno = EINVAL;
+        return -1;
+    }
+    std::string bytes;
+    if (!vexa::sim::partitions::load_item(state->root, item, &bytes)) {
+        errno = ENOENT;
+        return -1;
+    }
+    const size_t n = std::min<size_t>(bytes.size(), a);
+    memcpy(buf, bytes.data(), n);
+    return int(n);
+}
+
+extern "C" int hal_vendor_storage_write(int item, const void *buf, uint32_t a, uint32_t)
+{
+    auto state = vexa::sim::attached();
+    if (!state) {
+        errno = ENODEV;
+        return -1;
+    }
+    long fault_result;
+    if (vexa::sim::fault_fires(*state, "hal_vendor_storage_write", std::to_string(item),
+                               &fault_result))
+        return int(fault_result);
+    if (item < 0 || item > vexa::sim::partitions::kItemIdMax || (buf == nullptr && a != 0) ||
+        a > vexa::sim::partitions::kItemMax) {
+        errno = EINVAL;
+        return -1;
+    }
+    return vexa::sim::partitions::store_item(state->root, item, buf, a) ? int(a) : -1;
+}
