@@ -53,6 +53,7 @@ fpga_protocol_type = 1
 [fpga]
 fpga_drv_path = /dev/fpga_load
 fpga_fw_path = /vendor/etc/fpga/fpga_fw.bin
+fpga_fw_version = V1.0.0
 fpga_drv_id = 0
 fpga_control_gpio = 60
 fpga_config_gpio = 61
@@ -156,6 +157,19 @@ phy1_state_cmd = cat /sys/class/net/eth0/carrier
 phy2_state_cmd = cat /sys/class/net/eth1/carrier
 phy3_state_cmd = UNDEF
 phy4_state_cmd = UNDEF
+
+[mcu]
+mcu_fw_path = /vendor/etc/mcu/mcu_fw.bin
+mcu_fw_version = V1.0.2.0
+mcu_type = 1
+mcu_serial = gd32f303
+mcu_sock_path = /dev/socket/vexa_mcu
+mcu_uart_path = /dev/ttyS9
+mcu_baud_rate = 115200
+
+[self_test]
+self_test_items = 1-2-3-4-5-6-7-8-9-10-11-12
+audio_num = 1
 )INI";
 }
 

@@ -1,0 +1,137 @@
+// Attaches the serial lines of the product INI and the MCU behind the MCU's
+// line, and carries out the shell echo that drives the MCU's reset lines.
+#include <iniparser.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "sim/board.h"
+#include "sim/serial/mcu_model.h"
+#include "sim/serial/serial_line.h"
+
+namespace vexa::sim {
+
+namespace {
+
+struct Lines {
+    std::map<std::string, std::shared_ptr<SerialLine>> by_path;
+    std::shared_ptr<McuModel> mcu;
+};
+
+std::mutex g_mu;
+// By board root: the lines of each board attached in this process.
+std::map<std::string, std::weak_ptr<Lines>> g_lines;
+
+std::shared_ptr<Lines> lines_of(const Board &board)
+{
+    std::lock_guard<std::mutex> lock(g_mu);
+    auto it = g_lines.find(board.root());
+    return it == g_lines.end() ? nullptr : it->second.lock();
+}
+
+struct DictDeleter {
+    void operator()(dictionary *d) const { iniparser_freedict(d); }
+};
+
+const char *const kSerialKeys[] = {
+    "serial:serial_lora_1", "serial:serial_hdmi_1", "serial:serial_232_1", "serial:serial_232_2",
+    "serial:serial_485_1",  "serial:serial_485_2",  "serial:serial_ttl_1", "serial:serial_ttl_2",
+};
+
+bool usable(const char *path)
+{
+    return path && path[0] == '/' && std::string(path).find("UNDEF") == std::string::npos;
+}
+
+// Value of "echo VALUE > PATH" for the path, or -1.
+int echo_value(const std::vector<std::string> &argv, std::string *path)
+{
+    if (argv.size() != 4 || (argv[2] != ">" && argv[2] != ">>"))
+        return -1;
+    *path = argv[3];
+    return argv[1] == "0" ? 0 : argv[1] == "1" ? 1 : -2;
+}
+
+} // namespace
+
+std::shared_ptr<SerialLine> serial_line(const Board &board, const std::string &board_path)
+{
+    auto lines = lines_of(board);
+    if (!lines)
+        return nullptr;
+    auto it = lines->by_path.find(board_path);
+    return it == lines->by_path.end() ? nullptr : it->second;
+}
+
+std::vector<std::shared_ptr<SerialLine>> serial_lines(const Board &board)
+{
+    std::vector<std::shared_ptr<SerialLine>> out;
+    if (auto lines = lines_of(board))
+        for (auto &[path, line] : lines->by_path)
+            out.push_back(line);
+    return out;
+}
+
+std::shared_ptr<McuModel> mcu_model(const Board &board)
+{
+    auto lines = lines_of(board);
+    return lines ? lines->mcu : nullptr;
+}
+
+} // namespace vexa::sim
+
+using namespace vexa::sim;
+
+VEXA_SIM_ATTACHER(serial_lines)
+{
+    std::unique_ptr<dictionary, DictDeleter> dict(
+        iniparser_load(board.host_path("/vendor/etc/product.ini").c_str()));
+    if (!dict)
+        return;
+    auto lines = std::make_shared<Lines>();
+    const char *mcu_path = iniparser_getstring(dict.get(), "mcu:mcu_uart_path", nullptr);
+    if (usable(mcu_path)) {
+        lines->mcu = std::make_shared<McuModel>(mcu_path, board.root() + "/.board/mcu-flash.bin");
+        lines->by_path[mcu_path] = lines->mcu;
+        lines->mcu->set_watchdog_line(iniparser_getint(dict.get(), "mcu_wdt:mcu_wdt_switch", -1));
+        if (const char *version = iniparser_getstring(dict.get(), "mcu:mcu_fw_version", nullptr))
+            lines->mcu->set_version(version);
+        const int type = iniparser_getint(dict.get(), "mcu:mcu_type", 1);
+        lines->mcu->set_type(type >= 1 && type <= 4 ? type : 1);
+    }
+    for (const char *key : kSerialKeys) {
+        const char *path = iniparser_getstring(dict.get(), key, nullptr);
+        if (usable(path) && !lines->by_path.count(path))
+            lines->by_path[path] = std::make_shared<SerialLine>(path);
+    }
+    for (auto &[path, line] : lines->by_path)
+        board.add_model(path, line);
+    {
+        std::lock_guard<std::mutex> lock(g_mu);
+        g_lines[board.root()] = lines;
+    }
+    // The handler keeps the lines alive as long as the board holds it.
+    const std::string root = board.root();
+    board.on_command("echo", [lines, root](const std::vector<std::string> &argv,
+                                           const std::string &) -> CommandResult {
+        std::string path;
+        const int value = echo_value(argv, &path);
+        if (value == -1)
+            return {0, argv.size() > 1 ? argv[1] + "\n" : "\n"};
+        if (path.rfind("/", 0) == 0 && path.find("..") == std::string::npos) {
+            std::error_code ec;
+            std::filesystem::create_directories(std::filesystem::path(root + path).parent_path(), ec);
+            std::ofstream(root + path) << argv[1] << "\n";
+        }
+        if (lines->mcu && value >= 0) {
+            if (path == "/sys/class/vexagpios/MCU_BOOT0/value")
+                lines->mcu->set_boot0(value);
+            else if (path == "/sys/class/vexagpios/MCU_NRST/value")
+                lines->mcu->set_nrst(value);
+        }
+        return {};
+    });
+}
