@@ -60,6 +60,7 @@ protected:
         return entries;
     }
 
+public:
     // What dump() writes, read back from a memory file.
     template <typename DumpFn> static std::string dumped(DumpFn dump)
     {
