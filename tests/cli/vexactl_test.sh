@@ -25,8 +25,8 @@ check "the product INI is a plain file" yes "$([ -f "$board/vendor/etc/product.i
 check "status names the product" "product:   QR5PLUS" "$(grep '^product:' "$dir/status")"
 check "status shows led_sys on line 34" "led_sys led 34 0" \
     "$(awk '$1 == "led_sys" {print $1, $2, $3, $4}' "$dir/status")"
-check "status --json is an array of objects" '"name": "led_sys",' \
-    "$(run --json status | grep -m1 -o '"name": "led_sys",')"
+check "status --json names the product and the lines" '"product": "QR5PLUS" "name": "led_sys"' \
+    "$(run --json status | tr -d '\t\n' | grep -o -e '"product":"QR5PLUS"' -e '"name":"led_sys"' | sed 's/:/: /' | tr '\n' ' ' | sed 's/ $//')"
 
 # Driving a lamp through the library moves the board's line.
 sed -i 's/^led_sys = .*/led_sys = 34/' "$board/vendor/etc/product.ini"

@@ -2,6 +2,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include <cjson/cJSON.h>
+
 #include "tools/vexactl/command.h"
 #include "vexasdk/peripherals.h"
 #include "vexasdk/product_config.h"
@@ -72,11 +74,18 @@ int run_status(Context &ctx, const Args &args)
                    unset || id == 0 ? "-" : std::to_string(ctx.board().line(id)),
                    unset ? "unset" : id == 0 ? "invalid" : ""});
     }
-    if (!ctx.json) {
-        std::fprintf(ctx.out, "board:     %s\n", ctx.board().root().c_str());
-        std::fprintf(ctx.out, "product:   %s\n", bi_product->product_name);
-        std::fprintf(ctx.out, "module id: %d\n\n", bi_product->mod_id);
+    if (ctx.json) {
+        cJSON *status = cJSON_CreateObject();
+        cJSON_AddStringToObject(status, "board", ctx.board().root().c_str());
+        cJSON_AddStringToObject(status, "product", bi_product->product_name);
+        cJSON_AddNumberToObject(status, "module_id", bi_product->mod_id);
+        cJSON_AddItemToObject(status, "lines", table.json());
+        print_json(ctx, status);
+        return 0;
     }
+    std::fprintf(ctx.out, "board:     %s\n", ctx.board().root().c_str());
+    std::fprintf(ctx.out, "product:   %s\n", bi_product->product_name);
+    std::fprintf(ctx.out, "module id: %d\n\n", bi_product->mod_id);
     table.print(ctx);
     return 0;
 }

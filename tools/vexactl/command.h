@@ -7,6 +7,8 @@
 #ifndef VEXACTL_COMMAND_H
 #define VEXACTL_COMMAND_H
 
+#include <cjson/cJSON.h>
+
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -55,6 +57,9 @@ const Command &command_named(const std::string &name);
 // Parses a whole decimal integer; false for anything else.
 bool parse_int(const std::string &text, long *value);
 
+// Prints a JSON value on ctx.out and deletes it.
+void print_json(Context &ctx, cJSON *item);
+
 // A table printed as aligned columns, or with --json as an array of objects
 // keyed by the column names. Cells that hold whole numbers are JSON numbers.
 class Table {
@@ -62,6 +67,8 @@ public:
     explicit Table(std::vector<std::string> columns);
     void row(std::vector<std::string> cells);
     void print(Context &ctx) const;
+    // The rows as a JSON array of objects (the caller owns it).
+    cJSON *json() const;
 
 private:
     std::vector<std::string> columns_;

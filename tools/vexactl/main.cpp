@@ -117,24 +117,35 @@ void Table::row(std::vector<std::string> cells)
     rows_.push_back(std::move(cells));
 }
 
+cJSON *Table::json() const
+{
+    cJSON *array = cJSON_CreateArray();
+    for (auto &cells : rows_) {
+        cJSON *object = cJSON_CreateObject();
+        for (size_t i = 0; i < columns_.size(); ++i) {
+            long number;
+            if (parse_int(cells[i], &number) && cells[i].find_first_of("xX") == std::string::npos)
+                cJSON_AddNumberToObject(object, columns_[i].c_str(), static_cast<double>(number));
+            else
+                cJSON_AddStringToObject(object, columns_[i].c_str(), cells[i].c_str());
+        }
+        cJSON_AddItemToArray(array, object);
+    }
+    return array;
+}
+
+void print_json(Context &ctx, cJSON *item)
+{
+    char *text = cJSON_Print(item);
+    std::fprintf(ctx.out, "%s\n", text);
+    cJSON_free(text);
+    cJSON_Delete(item);
+}
+
 void Table::print(Context &ctx) const
 {
     if (ctx.json) {
-        std::unique_ptr<cJSON, decltype(&cJSON_Delete)> array(cJSON_CreateArray(), cJSON_Delete);
-        for (auto &cells : rows_) {
-            cJSON *object = cJSON_CreateObject();
-            for (size_t i = 0; i < columns_.size(); ++i) {
-                long number;
-                if (parse_int(cells[i], &number) && cells[i].find_first_of("xX") == std::string::npos)
-                    cJSON_AddNumberToObject(object, columns_[i].c_str(), static_cast<double>(number));
-                else
-                    cJSON_AddStringToObject(object, columns_[i].c_str(), cells[i].c_str());
-            }
-            cJSON_AddItemToArray(array.get(), object);
-        }
-        char *text = cJSON_Print(array.get());
-        std::fprintf(ctx.out, "%s\n", text);
-        cJSON_free(text);
+        print_json(ctx, json());
         return;
     }
     std::vector<size_t> widths(columns_.size());
