@@ -1,0 +1,192 @@
+// The virtual board's own behaviour, through the platform calls the library
+// makes and the board's API.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "platform/android.h"
+#include "platform/hal.h"
+#include "platform/os.h"
+#include "platform/shell.h"
+#include "support/board_fixture.h"
+
+namespace vexa::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+class SimTest : public BoardTest {};
+
+TEST_F(SimTest, AbsolutePathsMapBelowTheRoot)
+{
+    board().write_file("/vendor/etc/x.txt", "hello");
+    EXPECT_TRUE(std::filesystem::exists(board().root() + "/vendor/etc/x.txt"));
+    const int fd = os::open("/vendor/etc/x.txt", O_RDONLY);
+    ASSERT_GE(fd, 0);
+    char buf[16] = {};
+    EXPECT_EQ(os::read(fd, buf, sizeof buf), 5);
+    EXPECT_STREQ(buf, "hello");
+    EXPECT_EQ(os::close(fd), 0);
+    // A host path below the root is not mapped twice.
+    EXPECT_EQ(board().host_path(board().root() + "/vendor"), board().root() + "/vendor");
+    EXPECT_EQ(os::access("/vendor/etc/none", F_OK), -1);
+}
+
+TEST_F(SimTest, StateIsSharedWithAnotherAttachOfTheSameRoot)
+{
+    const std::string root = board().root() + "-shared";
+    {
+        sim::Board first = sim::Board::open(root);
+        first.set_line(5, 1);
+        first.set_property("persist.vexa.test", "a b");
+        __android_log_print(ANDROID_LOG_WARN, "tag", "one %d\n", 1);
+        os::system("echo hi > /dev/null");
+        os::reboot("recovery");
+    }
+    sim::Board second = sim::Board::open(root);
+    EXPECT_EQ(second.line(5), 1);
+    EXPECT_EQ(second.property("persist.vexa.test"), "a b");
+    EXPECT_THAT(second.log_lines(), ElementsAre("W/tag: one 1"));
+    EXPECT_THAT(second.commands(), ElementsAre("echo hi > /dev/null"));
+    EXPECT_THAT(second.reboots(), ElementsAre("recovery"));
+    std::filesystem::remove_all(root);
+}
+
+TEST_F(SimTest, LogKeepsMultiLineTextAsOneRecord)
+{
+    __android_log_print(ANDROID_LOG_DEBUG, "t", "a\tb\nc\\d\n");
+    ASSERT_EQ(board().log().size(), 1u);
+    EXPECT_EQ(board().log()[0].text, "a\tb\nc\\d\n");
+    EXPECT_EQ(board().log()[0].line(), "D/t: a\tb\nc\\d");
+}
+
+TEST_F(SimTest, PropertiesHaveAndroidsLimits)
+{
+    char value[PROPERTY_VALUE_MAX];
+    EXPECT_EQ(property_get("sys.none", value, "dflt"), 4);
+    EXPECT_STREQ(value, "dflt");
+    EXPECT_EQ(property_set("sys.x", "1"), 0);
+    EXPECT_EQ(property_get("sys.x", value, "dflt"), 1);
+    EXPECT_STREQ(value, "1");
+    EXPECT_EQ(property_set("sys.long", std::string(PROPERTY_VALUE_MAX, 'v').c_str()), -1);
+}
+
+TEST_F(SimTest, FaultsSkipFireAndStop)
+{
+    board().inject(sim::Fault::on("hal_gpio_set_value").at("7").after(1).returns(-9).once());
+    EXPECT_EQ(hal_gpio_set_value(7, 1), 0);  // let through
+    EXPECT_EQ(hal_gpio_set_value(8, 1), 0);  // another line: not counted
+    EXPECT_EQ(hal_gpio_set_value(7, 1), -9); // fires once
+    EXPECT_EQ(hal_gpio_set_value(7, 1), 0);
+
+    board().inject(sim::Fault::on("open").at("/data/f").returns(-1, EACCES));
+    EXPECT_EQ(os::open("/data/f", O_RDONLY), -1);
+    EXPECT_EQ(errno, EACCES);
+    EXPECT_EQ(os::open("/data/f", O_RDONLY), -1);
+    board().clear_faults();
+    EXPECT_EQ(os::fopen("/data/f", "r"), nullptr); // no file, no fault
+}
+
+TEST_F(SimTest, ByteBudgetCutsWritesLikeAPowerLoss)
+{
+    board().write_file("/dev/block/part", std::string(16, '.'));
+    board().inject(sim::Fault::on("pwrite").at("/dev/block/part").cut_after(5));
+    const int fd = os::open("/dev/block/part", O_RDWR);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(os::pwrite(fd, "abc", 3, 0), 3);
+    EXPECT_EQ(os::pwrite(fd, "defg", 4, 3), 2); // the cut
+    EXPECT_EQ(os::pwrite(fd, "h", 1, 5), -1);
+    os::close(fd);
+    EXPECT_EQ(board().read_file("/dev/block/part"), "abcde" + std::string(11, '.'));
+}
+
+TEST_F(SimTest, FastClockSleepsWithoutWaiting)
+{
+    const uint64_t before = os::monotonic_ns();
+    os::sleep_us(10'000'000);
+    const uint64_t after = os::monotonic_ns();
+    EXPECT_GE(after - before, 10'000'000'000ull);
+    EXPECT_GE(board().now_ns(), after);
+}
+
+TEST_F(SimTest, CommandsAreJournaledAndHandled)
+{
+    board().on_command("badblocks", [](const std::vector<std::string> &argv, const std::string &) {
+        return sim::CommandResult{argv.size() == 3 ? 0 : 256, "checked " + argv.back() + "\n"};
+    });
+    FILE *pipe = os::popen("/system/bin/badblocks -v /dev/x", "r");
+    ASSERT_NE(pipe, nullptr);
+    char line[64] = {};
+    ASSERT_NE(std::fgets(line, sizeof line, pipe), nullptr);
+    EXPECT_STREQ(line, "checked /dev/x\n");
+    EXPECT_EQ(os::pclose(pipe), 0);
+    EXPECT_EQ(os::system("badblocks /dev/y"), 256);
+    EXPECT_EQ(os::system("unknown --flag"), 0);
+    EXPECT_THAT(board().commands(),
+                ElementsAre("/system/bin/badblocks -v /dev/x", "badblocks /dev/y", "unknown --flag"));
+}
+
+class CountingModel : public sim::DeviceModel {
+public:
+    int ioctls = 0;
+    int ioctl(int, unsigned long request, void *arg) override
+    {
+        ++ioctls;
+        *static_cast<int *>(arg) = static_cast<int>(request);
+        return 0;
+    }
+};
+
+TEST_F(SimTest, ModelsServeTheirNodes)
+{
+    auto model = std::make_shared<CountingModel>();
+    board().write_file("/dev/thing", "data");
+    board().add_model("/dev/thing", model);
+    EXPECT_EQ(os::access("/dev/thing", F_OK), 0);
+    const int fd = os::open("/dev/thing", O_RDWR);
+    ASSERT_GE(fd, 0);
+    int out = 0;
+    EXPECT_EQ(os::ioctl(fd, 0x1234, &out), 0);
+    EXPECT_EQ(out, 0x1234);
+    char buf[4];
+    EXPECT_EQ(os::read(fd, buf, 4), 4); // the default passes through
+    os::close(fd);
+    EXPECT_EQ(model->ioctls, 1);
+}
+
+TEST_F(SimTest, MountsAreRecorded)
+{
+    board().write_file("/dev/block/p1", "");
+    board().write_file("/mnt/x/.keep", "");
+    EXPECT_EQ(os::mount("/dev/block/p1", "/mnt/x", "ext4", 0, nullptr), 0);
+    EXPECT_EQ(os::mount("/dev/block/p1", "/mnt/x", "ext4", 0, nullptr), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(os::umount("/mnt/x"), 0);
+    EXPECT_EQ(os::umount("/mnt/x"), -1);
+    EXPECT_EQ(os::mount("/dev/block/none", "/mnt/x", "ext4", 0, nullptr), -1);
+}
+
+TEST_F(SimTest, DetachedBoardFailsCallsInsteadOfFallingBack)
+{
+    const std::string root = board().root();
+    TearDown();
+    EXPECT_EQ(hal_gpio_set_value(1, 1), -1);
+    EXPECT_EQ(errno, ENODEV);
+    SetUp();
+    EXPECT_NE(board().root(), root);
+}
+
+TEST(ShellGuard, AcceptsPlainWordsOnly)
+{
+    for (const char *ok : {"/dev/block/mmcblk2p22", "a-b_c.d:e,f=g+h@i%j", "Reserve0"})
+        EXPECT_TRUE(shell_word_safe(ok)) << ok;
+    for (const char *bad : {"", "a b", "a;b", "$(x)", "`x`", "a|b", "a&b", "a>b", "a<b", "a'b", "a\"b", "a\\b",
+                            "a*", "a?", "~root", "a\nb", "{a,b}", "a#b", "!x"})
+        EXPECT_FALSE(shell_word_safe(bad)) << bad;
+    EXPECT_FALSE(shell_word_safe(nullptr));
+}
+
+} // namespace
+} // namespace vexa::test
