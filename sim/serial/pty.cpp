@@ -37,6 +37,16 @@ Pty::Pty()
     ::fcntl(master_, F_SETFL, ::fcntl(master_, F_GETFL) | O_NONBLOCK);
 }
 
+void Pty::reset_line()
+{
+    struct termios tio;
+    if (::tcgetattr(keeper_, &tio) == 0) {
+        ::cfmakeraw(&tio);
+        tio.c_cflag &= ~CLOCAL;
+        ::tcsetattr(keeper_, TCSANOW, &tio);
+    }
+}
+
 Pty::~Pty()
 {
     if (keeper_ >= 0)

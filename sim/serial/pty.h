@@ -18,6 +18,10 @@ public:
     int master() const { return master_; }
     // The slave's path, "/dev/pts/N".
     const std::string &slave_path() const { return slave_path_; }
+    // Puts the line back to raw 8N1. A pty cannot keep parity, and the kernel
+    // refuses (EINVAL) a parity setting that changes nothing else, so each
+    // user of the line starts from this state.
+    void reset_line();
 
 private:
     int master_ = -1;

@@ -16,7 +16,13 @@ SerialLine::~SerialLine() = default;
 
 int SerialLine::open(const std::string &, int flags, mode_t)
 {
+    pty_.reset_line();
     return ::open(pty_.slave_path().c_str(), flags | O_NOCTTY | O_CLOEXEC);
+}
+
+void SerialLine::reset_line()
+{
+    pty_.reset_line();
 }
 
 int SerialLine::ioctl(int fd, unsigned long request, void *arg)

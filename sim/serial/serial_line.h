@@ -33,6 +33,8 @@ public:
     std::string take_output(size_t want = 0, int wait_ms = 0);
     // Bytes for the board side to read.
     void inject(const std::string &bytes);
+    // Raw 8N1 again (see Pty::reset_line); each open through the board does it.
+    void reset_line();
 
     int open(const std::string &host_path, int flags, mode_t mode) override;
     int ioctl(int fd, unsigned long request, void *arg) override;
