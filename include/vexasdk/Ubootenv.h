@@ -97,18 +97,21 @@ public:
     int reInit();
 
 private:
+    // The library's own helpers: not part of the exported interface.
+#define UBOOTENV_HIDDEN __attribute__((visibility("hidden")))
     friend struct UbootenvTwin;
     enum class Voice { SystemLog, StandardOutput };
     // A store that prints to standard output and is not read until init().
-    explicit Ubootenv(Voice voice);
+    UBOOTENV_HIDDEN explicit Ubootenv(Voice voice);
 
-    void release();
-    void freeEntries();
-    bool devicePresent(const char *path);
-    void say(int prio, const char *member, int line, const char *fmt, ...)
+    UBOOTENV_HIDDEN void release();
+    UBOOTENV_HIDDEN void freeEntries();
+    UBOOTENV_HIDDEN bool devicePresent(const char *path);
+    UBOOTENV_HIDDEN void say(int prio, const char *member, int line, const char *fmt, ...)
         __attribute__((format(printf, 5, 6)));
-    void sayAs(int prio, const char *member, int line, const char *classFmt,
-               const char *twinFmt, ...);
+    UBOOTENV_HIDDEN void sayAs(int prio, const char *member, int line, const char *classFmt,
+                               const char *twinFmt, ...);
+#undef UBOOTENV_HIDDEN
 
     char mEnvPartitionName[32];
     uint32_t mEnvPartitionSize;
