@@ -176,18 +176,27 @@ int get(const Switch &sw, const char *func)
     return hal_gpio_get_value(id);
 }
 
-int triled_set(int red, int green, int blue, const char *func)
+// The three lines of the tri-colour lamp, or false after the error line.
+bool tri_ids(const char *func, int32_t *r, int32_t *g, int32_t *b)
 {
-    const int32_t r = bi_product ? bi_product->led_tri_red.gpio_id : -1;
-    const int32_t g = bi_product ? bi_product->led_tri_green.gpio_id : -1;
-    const int32_t b = bi_product ? bi_product->led_tri_blue.gpio_id : -1;
-    if (bi_product == nullptr || r < 1 || g < 1 || b <= 0) {
+    *r = bi_product ? bi_product->led_tri_red.gpio_id : -1;
+    *g = bi_product ? bi_product->led_tri_green.gpio_id : -1;
+    *b = bi_product ? bi_product->led_tri_blue.gpio_id : -1;
+    if (bi_product == nullptr || *r < 1 || *g < 1 || *b <= 0) {
         VEXA_LOGE(kLed,
                   "%s:bi_product is NULL or invaild led_tri_red.gpio_id is %d, led_tri_green.gpio_id is %d, "
                   "led_tri_blue.gpio_id is %dneed to check ini file.\n",
-                  func, r, g, b);
-        return -1;
+                  func, *r, *g, *b);
+        return false;
     }
+    return true;
+}
+
+int triled_set(int red, int green, int blue, const char *func)
+{
+    int32_t r, g, b;
+    if (!tri_ids(func, &r, &g, &b))
+        return -1;
     // The red line is active low.
     int ret = hal_gpio_set_value(r, !red);
     if (ret < 0) {
@@ -209,16 +218,9 @@ int triled_set(int red, int green, int blue, const char *func)
 
 int triled_get(const char *func)
 {
-    const int32_t r = bi_product ? bi_product->led_tri_red.gpio_id : -1;
-    const int32_t g = bi_product ? bi_product->led_tri_green.gpio_id : -1;
-    const int32_t b = bi_product ? bi_product->led_tri_blue.gpio_id : -1;
-    if (bi_product == nullptr || r < 1 || g < 1 || b <= 0) {
-        VEXA_LOGE(kLed,
-                  "%s:bi_product is NULL or invaild led_tri_red.gpio_id is %d, led_tri_green.gpio_id is %d, "
-                  "led_tri_blue.gpio_id is %dneed to check ini file.\n",
-                  func, r, g, b);
+    int32_t r, g, b;
+    if (!tri_ids(func, &r, &g, &b))
         return -1;
-    }
     struct {
         int32_t id;
         const char *name;
@@ -282,16 +284,24 @@ int peripheral_relay_get(int dev_num, const char *func)
 
 // The selector pair does not test the record; with none, both ids read as -1
 // and the pair is refused like a missing key.
-int usb_switch_set(uint32_t en_usb_id, const char *func)
+bool usb_ids(const char *func, int32_t *sel0, int32_t *sel1)
 {
     VEXA_LOGD(kOps, "%s:enter\n", func);
-    const int32_t sel0 = bi_product ? bi_product->usb_select_0.gpio_id : -1;
-    const int32_t sel1 = bi_product ? bi_product->usb_select_1.gpio_id : -1;
-    if (sel0 < 1 || sel1 <= 0) {
+    *sel0 = bi_product ? bi_product->usb_select_0.gpio_id : -1;
+    *sel1 = bi_product ? bi_product->usb_select_1.gpio_id : -1;
+    if (*sel0 < 1 || *sel1 <= 0) {
         VEXA_LOGE(kOps, "%s: invalid usb_select_gpio_0(%u) or usb_select_gpio_1(%u) <= 0\n", func,
-                  static_cast<unsigned>(sel0), static_cast<unsigned>(sel1));
-        return -1;
+                  static_cast<unsigned>(*sel0), static_cast<unsigned>(*sel1));
+        return false;
     }
+    return true;
+}
+
+int usb_switch_set(uint32_t en_usb_id, const char *func)
+{
+    int32_t sel0, sel1;
+    if (!usb_ids(func, &sel0, &sel1))
+        return -1;
     if (en_usb_id > 3) {
         VEXA_LOGD(kOps, "%s: not support en_usb_id = %u, should be 0 to 3\n", func, en_usb_id);
         return 0;
@@ -303,14 +313,9 @@ int usb_switch_set(uint32_t en_usb_id, const char *func)
 
 int usb_switch_get(const char *func)
 {
-    VEXA_LOGD(kOps, "%s:enter\n", func);
-    const int32_t sel0 = bi_product ? bi_product->usb_select_0.gpio_id : -1;
-    const int32_t sel1 = bi_product ? bi_product->usb_select_1.gpio_id : -1;
-    if (sel0 < 1 || sel1 <= 0) {
-        VEXA_LOGE(kOps, "%s: invalid usb_select_gpio_0(%u) or usb_select_gpio_1(%u) <= 0\n", func,
-                  static_cast<unsigned>(sel0), static_cast<unsigned>(sel1));
+    int32_t sel0, sel1;
+    if (!usb_ids(func, &sel0, &sel1))
         return -1;
-    }
     const unsigned v0 = static_cast<uint8_t>(hal_gpio_get_value(sel0));
     const unsigned v1 = static_cast<uint8_t>(hal_gpio_get_value(sel1));
     VEXA_LOGD(kOps, "%s:usb_sel_0_val = %u, usb_sel_1_val = %u\n", func, v0, v1);

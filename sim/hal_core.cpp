@@ -9,29 +9,10 @@
 
 #include "sim/state.h"
 
-namespace {
-
-#define ATTACHED_OR(fail_value)                                                                    \
-    auto state = vexa::sim::attached();                                                            \
-    if (!state) {                                                                                  \
-        errno = ENODEV;                                                                            \
-        return fail_value;                                                                         \
-    }                                                                                              \
-    auto &s = *state
-
-#define FAULT(call, path)                                                                          \
-    do {                                                                                           \
-        long fault_result;                                                                         \
-        if (vexa::sim::fault_fires(s, call, path, &fault_result))                                  \
-            return static_cast<int>(fault_result);                                                 \
-    } while (0)
-
-} // namespace
-
 extern "C" int hal_info_get_product_info(char *buffer)
 {
-    ATTACHED_OR(-1);
-    FAULT("hal_info_get_product_info", "");
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_info_get_product_info", "", int);
     const std::string info = vexa::sim::read_state(s, "product_info");
     if (info.empty())
         return -1;
@@ -41,8 +22,8 @@ extern "C" int hal_info_get_product_info(char *buffer)
 
 extern "C" int hal_gpio_set_value(int gpio_id, int value)
 {
-    ATTACHED_OR(-1);
-    FAULT("hal_gpio_set_value", std::to_string(gpio_id));
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_gpio_set_value", std::to_string(gpio_id), int);
     if (gpio_id < 0) {
         errno = EINVAL;
         return -1;
@@ -53,8 +34,8 @@ extern "C" int hal_gpio_set_value(int gpio_id, int value)
 
 extern "C" int hal_gpio_get_value(int gpio_id)
 {
-    ATTACHED_OR(-1);
-    FAULT("hal_gpio_get_value", std::to_string(gpio_id));
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_gpio_get_value", std::to_string(gpio_id), int);
     if (gpio_id < 0) {
         errno = EINVAL;
         return -1;
@@ -64,8 +45,8 @@ extern "C" int hal_gpio_get_value(int gpio_id)
 
 extern "C" int64_t hal_gpio_config(int gpio_id, int, int value, int, int, int)
 {
-    ATTACHED_OR(-1);
-    FAULT("hal_gpio_config", std::to_string(gpio_id));
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_gpio_config", std::to_string(gpio_id), int64_t);
     if (gpio_id < 0) {
         errno = EINVAL;
         return -1;
@@ -76,8 +57,8 @@ extern "C" int64_t hal_gpio_config(int gpio_id, int, int value, int, int, int)
 
 extern "C" int hal_sys_read(const char *path, char *buf, int size)
 {
-    ATTACHED_OR(-1);
-    FAULT("hal_sys_read", path ? path : "");
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_sys_read", path ? path : "", int);
     if (!path || !buf || size <= 0) {
         errno = EINVAL;
         return -1;
@@ -93,8 +74,8 @@ extern "C" int hal_sys_read(const char *path, char *buf, int size)
 
 extern "C" int hal_sys_write(const char *path, const char *text, int len)
 {
-    ATTACHED_OR(-1);
-    FAULT("hal_sys_write", path ? path : "");
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_sys_write", path ? path : "", int);
     if (!path || !text || len < 0) {
         errno = EINVAL;
         return -1;

@@ -22,32 +22,6 @@ using vexa::sim::Board;
 
 namespace {
 
-// Every call below works on the attached board; with none (one was attached
-// and has gone) the call fails with ENODEV.
-#define ATTACHED_OR(fail_value)                                                                    \
-    auto state = vexa::sim::attached();                                                            \
-    if (!state) {                                                                                  \
-        errno = ENODEV;                                                                            \
-        return fail_value;                                                                         \
-    }                                                                                              \
-    auto &s = *state
-
-#define FAULT(call, path, type)                                                                    \
-    do {                                                                                           \
-        long fault_result;                                                                         \
-        if (vexa::sim::fault_fires(s, call, path, &fault_result))                                  \
-            return fault_value<type>(fault_result);                                                 \
-    } while (0)
-
-// What a failed call returns: the fault's value, or null for a pointer.
-template <typename T> T fault_value(long value)
-{
-    if constexpr (std::is_pointer_v<T>)
-        return nullptr;
-    else
-        return static_cast<T>(value);
-}
-
 std::string str(const char *p) { return p ? p : ""; }
 
 struct Route {
@@ -115,9 +89,9 @@ namespace vexa::os {
 
 int open(const char *path, int flags, mode_t mode)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     const std::string board_path = str(path);
-    FAULT("open", board_path, int);
+    VEXA_SIM_FAULT("open", board_path, int);
     std::shared_ptr<sim::DeviceModel> model;
     {
         std::lock_guard<std::mutex> lock(s.mu);
@@ -136,17 +110,17 @@ int open(const char *path, int flags, mode_t mode)
 
 ssize_t read(int fd, void *buf, size_t count)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
-    FAULT("read", r.board_path, ssize_t);
+    VEXA_SIM_FAULT("read", r.board_path, ssize_t);
     return r.model ? r.model->read(fd, buf, count) : ::read(fd, buf, count);
 }
 
 ssize_t write(int fd, const void *buf, size_t count)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
-    FAULT("write", r.board_path, ssize_t);
+    VEXA_SIM_FAULT("write", r.board_path, ssize_t);
     const long long allowed = sim::fault_write_allowance(s, "write", r.board_path, count);
     if (allowed < 0)
         return -1;
@@ -155,17 +129,17 @@ ssize_t write(int fd, const void *buf, size_t count)
 
 ssize_t pread(int fd, void *buf, size_t count, off_t offset)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
-    FAULT("pread", r.board_path, ssize_t);
+    VEXA_SIM_FAULT("pread", r.board_path, ssize_t);
     return r.model ? r.model->pread(fd, buf, count, offset) : ::pread(fd, buf, count, offset);
 }
 
 ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
-    FAULT("pwrite", r.board_path, ssize_t);
+    VEXA_SIM_FAULT("pwrite", r.board_path, ssize_t);
     const long long allowed = sim::fault_write_allowance(s, "pwrite", r.board_path, count);
     if (allowed < 0)
         return -1;
@@ -174,31 +148,31 @@ ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset)
 
 int ioctl(int fd, unsigned long request, void *arg)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
-    FAULT("ioctl", r.board_path, int);
+    VEXA_SIM_FAULT("ioctl", r.board_path, int);
     return r.model ? r.model->ioctl(fd, request, arg) : ::ioctl(fd, request, arg);
 }
 
 off_t lseek(int fd, off_t offset, int whence)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
-    FAULT("lseek", r.board_path, off_t);
+    VEXA_SIM_FAULT("lseek", r.board_path, off_t);
     return ::lseek(fd, offset, whence);
 }
 
 int fsync(int fd)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
-    FAULT("fsync", r.board_path, int);
+    VEXA_SIM_FAULT("fsync", r.board_path, int);
     return ::fsync(fd);
 }
 
 int close(int fd)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     Route r;
     {
         std::lock_guard<std::mutex> lock(s.mu);
@@ -208,7 +182,7 @@ int close(int fd)
             s.open_files.erase(it);
         }
     }
-    FAULT("close", r.board_path, int);
+    VEXA_SIM_FAULT("close", r.board_path, int);
     if (r.model) {
         r.model->close(fd);
         return 0;
@@ -218,8 +192,8 @@ int close(int fd)
 
 int poll(struct pollfd *fds, nfds_t nfds, int timeout_ms)
 {
-    ATTACHED_OR(-1);
-    FAULT("poll", "", int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("poll", "", int);
     if (!s.fast || timeout_ms <= kFastPollRealMs)
         return ::poll(fds, nfds, timeout_ms);
     // Fast clock: wait a short real time; silence then counts as the whole
@@ -237,23 +211,23 @@ int poll(struct pollfd *fds, nfds_t nfds, int timeout_ms)
 
 FILE *fopen(const char *path, const char *mode)
 {
-    ATTACHED_OR(nullptr);
-    FAULT("fopen", str(path), FILE *);
+    VEXA_SIM_ATTACHED_OR(nullptr);
+    VEXA_SIM_FAULT("fopen", str(path), FILE *);
     FILE *f = ::fopen(s.host_path(str(path)).c_str(), mode);
     return f;
 }
 
 int stat(const char *path, struct stat *st)
 {
-    ATTACHED_OR(-1);
-    FAULT("stat", str(path), int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("stat", str(path), int);
     return ::stat(s.host_path(str(path)).c_str(), st);
 }
 
 int access(const char *path, int mode)
 {
-    ATTACHED_OR(-1);
-    FAULT("access", str(path), int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("access", str(path), int);
     // A modelled node exists even where no file stands for it.
     {
         std::lock_guard<std::mutex> lock(s.mu);
@@ -265,29 +239,29 @@ int access(const char *path, int mode)
 
 DIR *opendir(const char *path)
 {
-    ATTACHED_OR(nullptr);
-    FAULT("opendir", str(path), DIR *);
+    VEXA_SIM_ATTACHED_OR(nullptr);
+    VEXA_SIM_FAULT("opendir", str(path), DIR *);
     return ::opendir(s.host_path(str(path)).c_str());
 }
 
 int mkdir(const char *path, mode_t mode)
 {
-    ATTACHED_OR(-1);
-    FAULT("mkdir", str(path), int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("mkdir", str(path), int);
     return ::mkdir(s.host_path(str(path)).c_str(), mode);
 }
 
 int remove(const char *path)
 {
-    ATTACHED_OR(-1);
-    FAULT("remove", str(path), int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("remove", str(path), int);
     return ::remove(s.host_path(str(path)).c_str());
 }
 
 int rename(const char *from, const char *to)
 {
-    ATTACHED_OR(-1);
-    FAULT("rename", str(from), int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("rename", str(from), int);
     return ::rename(s.host_path(str(from)).c_str(), s.host_path(str(to)).c_str());
 }
 
@@ -295,8 +269,8 @@ int rename(const char *from, const char *to)
 int mount(const char *source, const char *target, const char *fstype, unsigned long flags,
           const void *)
 {
-    ATTACHED_OR(-1);
-    FAULT("mount", str(target), int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("mount", str(target), int);
     std::error_code ec;
     if (!source || !target || !fs::exists(s.host_path(source), ec)) {
         errno = ENOENT;
@@ -330,8 +304,8 @@ int mount(const char *source, const char *target, const char *fstype, unsigned l
 
 int umount(const char *target)
 {
-    ATTACHED_OR(-1);
-    FAULT("umount", str(target), int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("umount", str(target), int);
     return sim::with_board_lock(s, [&] {
         std::istringstream in(sim::read_state(s, "mounts"));
         std::string kept, l;
@@ -367,27 +341,27 @@ void sync()
 
 int reboot(const char *arg)
 {
-    ATTACHED_OR(-1);
-    FAULT("reboot", str(arg), int);
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("reboot", str(arg), int);
     sim::append_state(s, "reboots", sim::escape_line(str(arg)));
     return 0;
 }
 
 int system(const char *command)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     if (command == nullptr)
         return 1; // a shell is available
     sim::record_command(s, command);
-    FAULT("system", command, int);
+    VEXA_SIM_FAULT("system", command, int);
     return sim::run_command(s, command).status;
 }
 
 FILE *popen(const char *command, const char *type)
 {
-    ATTACHED_OR(nullptr);
+    VEXA_SIM_ATTACHED_OR(nullptr);
     sim::record_command(s, str(command));
-    FAULT("popen", str(command), FILE *);
+    VEXA_SIM_FAULT("popen", str(command), FILE *);
     const sim::CommandResult result = sim::run_command(s, str(command));
     FILE *f = ::tmpfile();
     if (!f)
@@ -403,7 +377,7 @@ FILE *popen(const char *command, const char *type)
 
 int pclose(FILE *stream)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     int status = -1;
     {
         std::lock_guard<std::mutex> lock(s.mu);

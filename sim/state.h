@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "sim/board.h"
@@ -55,6 +56,15 @@ struct Board::State {
 // (a platform call then fails rather than touching the default board).
 std::shared_ptr<Board::State> attached();
 
+// What a failed call returns: the fault's value, or null for a pointer.
+template <typename T> T fault_value(long value)
+{
+    if constexpr (std::is_pointer_v<T>)
+        return nullptr;
+    else
+        return static_cast<T>(value);
+}
+
 // Fault injection. fires() counts the call and tells whether a fault takes it;
 // then *result and errno are what the call returns.
 bool fault_fires(Board::State &s, const char *call, const std::string &path, long *result);
@@ -98,5 +108,23 @@ void record_command(Board::State &s, const std::string &command);
 CommandResult run_command(Board::State &s, const std::string &command);
 
 } // namespace vexa::sim
+
+// Opens a platform call: binds `s` to the attached board, or fails the call
+// with ENODEV when there is none (one was attached and has gone).
+#define VEXA_SIM_ATTACHED_OR(fail_value)                                                           \
+    auto vexa_sim_state = ::vexa::sim::attached();                                                 \
+    if (!vexa_sim_state) {                                                                         \
+        errno = ENODEV;                                                                            \
+        return fail_value;                                                                         \
+    }                                                                                              \
+    auto &s = *vexa_sim_state
+
+// Returns from a platform call of type `type` when an injected fault takes it.
+#define VEXA_SIM_FAULT(call, path, type)                                                           \
+    do {                                                                                           \
+        long vexa_sim_fault_result;                                                                \
+        if (::vexa::sim::fault_fires(s, call, path, &vexa_sim_fault_result))                       \
+            return ::vexa::sim::fault_value<type>(vexa_sim_fault_result);                          \
+    } while (0)
 
 #endif

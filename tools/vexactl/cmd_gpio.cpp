@@ -1,6 +1,7 @@
 // Lamps, relays and lines: status, led, relay, gpio.
 #include <cstddef>
 #include <cstring>
+#include <functional>
 
 #include <cjson/cJSON.h>
 
@@ -96,8 +97,8 @@ VEXACTL_COMMAND(status, {"status", "", "Show the product and every lamp, relay a
                          run_status});
 
 // on/off/get for a pair of library calls.
-int switch_action(const std::string &what, const std::string &action, int32_t (*set)(int32_t),
-                  int32_t (*get)(void), Context &ctx, const Command &command)
+int switch_action(const std::string &what, const std::string &action, const std::function<int32_t(int32_t)> &set,
+                  const std::function<int32_t()> &get, Context &ctx, const Command &command)
 {
     if (action == "get") {
         const int32_t level = get();
@@ -182,19 +183,9 @@ int run_relay(Context &ctx, const Args &args)
     if (!parse_int(args[0], &n))
         return usage_error(command, "the relay is 1 to 4 or interior");
     const int32_t dev = static_cast<int32_t>(n);
-    if (args[1] == "get") {
-        const int32_t level = bi_peripheral_relay_get_status(dev);
-        if (level < 0)
-            return fail("relay %d get failed (%d); see 'vexactl log'", dev, level);
-        std::fprintf(ctx.out, "%d\n", level);
-        return 0;
-    }
-    if (args[1] != "on" && args[1] != "off")
-        return usage_error(command, "the action is on, off or get");
-    const int32_t ret = bi_peripheral_relay_enable(dev, args[1] == "on" ? 1 : 0);
-    if (ret < 0)
-        return fail("relay %d %s failed (%d); see 'vexactl log'", dev, args[1].c_str(), ret);
-    return 0;
+    return switch_action(
+        "relay " + args[0], args[1], [dev](int32_t on) { return bi_peripheral_relay_enable(dev, on); },
+        [dev] { return bi_peripheral_relay_get_status(dev); }, ctx, command);
 }
 
 VEXACTL_COMMAND(relay, {"relay", "N|interior on|off|get", "Switch or read a relay",
