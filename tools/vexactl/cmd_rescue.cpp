@@ -1,0 +1,119 @@
+// Rescue backup and restore on the reserve partition.
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "tools/vexactl/command.h"
+#include "vexasdk/storage.h"
+
+namespace vexactl {
+namespace {
+
+const char *state_meaning(int32_t state)
+{
+    switch (state) {
+    case 0xAA:
+        return "the last backup completed";
+    case 0x55:
+        return "a backup was interrupted";
+    case 0:
+        return "no backup yet";
+    default:
+        return "unknown";
+    }
+}
+
+int print_value(Context &ctx, const char *name, int32_t value, const std::string &text)
+{
+    if (ctx.json) {
+        cJSON *item = cJSON_CreateObject();
+        cJSON_AddNumberToObject(item, name, value);
+        if (!text.empty())
+            cJSON_AddStringToObject(item, "meaning", text.c_str());
+        print_json(ctx, item);
+    } else if (text.empty()) {
+        std::fprintf(ctx.out, "%d\n", value);
+    } else {
+        std::fprintf(ctx.out, "0x%02x (%s)\n", static_cast<unsigned>(value), text.c_str());
+    }
+    return 0;
+}
+
+int run_rescue(Context &ctx, const Args &args)
+{
+    const Command &command = command_named("rescue");
+    if (args.empty())
+        return usage_error(command, "needs backup, restore, status, time or recover-tab");
+    ctx.board();
+    const std::string &verb = args[0];
+    if (verb == "backup" && args.size() == 1) {
+        const int32_t rc = bi_rescue_backup_data();
+        if (rc != 0)
+            return fail("backup failed (%d); see 'vexactl log'", rc);
+        std::fprintf(ctx.out, "settings backed up to /Reserve0/RescueParty\n");
+        return 0;
+    }
+    if (verb == "restore" && args.size() == 1) {
+        const int32_t rc = bi_rescue_restore_data();
+        if (rc != 0)
+            return fail("restore failed (%d); see 'vexactl log'", rc);
+        std::fprintf(ctx.out, "settings restored; restart recorded (the virtual board does not restart)\n");
+        return 0;
+    }
+    if (verb == "status" && args.size() == 1) {
+        const int32_t state = bi_rescue_get_data_status();
+        if (state < 0)
+            return fail("cannot read the rescue flags (%d); see 'vexactl log'", state);
+        return print_value(ctx, "state", state, state_meaning(state));
+    }
+    if (verb == "time" && args.size() == 1) {
+        char stamp[33] = {0};
+        const int32_t rc = bi_rescue_get_backup_time(stamp, sizeof stamp);
+        if (rc != 0)
+            return fail("cannot read the backup time (%d); see 'vexactl log'", rc);
+        const time_t when = static_cast<time_t>(std::atoll(stamp));
+        char utc[32] = "";
+        if (when > 0) {
+            struct tm tm;
+            gmtime_r(&when, &tm);
+            std::strftime(utc, sizeof utc, "%Y-%m-%d %H:%M:%S UTC", &tm);
+        }
+        if (ctx.json) {
+            cJSON *item = cJSON_CreateObject();
+            cJSON_AddNumberToObject(item, "seconds", static_cast<double>(when));
+            cJSON_AddStringToObject(item, "utc", utc);
+            print_json(ctx, item);
+        } else {
+            std::fprintf(ctx.out, "%s%s%s\n", stamp, *utc ? "  " : "", utc);
+        }
+        return 0;
+    }
+    if (verb == "recover-tab" && args.size() <= 2) {
+        if (args.size() == 2) {
+            long value;
+            if (!parse_int(args[1], &value) || value < 0 || value > 255)
+                return usage_error(command, "the recover tab is 0 to 255");
+            const int32_t rc = bi_rescue_set_recover_tab(static_cast<uint32_t>(value));
+            if (rc != 0)
+                return fail("cannot write the recover tab (%d); see 'vexactl log'", rc);
+            return 0;
+        }
+        const int32_t tab = bi_rescue_get_recover_tab();
+        if (tab < 0)
+            return fail("cannot read the recover tab (%d); see 'vexactl log'", tab);
+        return print_value(ctx, "recover_tab", tab, "");
+    }
+    return usage_error(command, "expected backup, restore, status, time or recover-tab [N]");
+}
+
+VEXACTL_COMMAND(rescue, {"rescue", "backup | restore | status | time | recover-tab [N]",
+                         "Back up or restore the rescue copy on the reserve partition",
+                         "status prints flag byte 0 (0xaa: last backup completed, 0x55: interrupted).\n"
+                         "time prints the backup time in seconds since 1970 and as UTC.\n"
+                         "recover-tab reads the restore request (reading answers a request of 1 or 2\n"
+                         "and clears it); recover-tab N sets it. restore applies the settings backup\n"
+                         "and restarts the board (recorded on the virtual board).",
+                         run_rescue});
+
+} // namespace
+} // namespace vexactl
