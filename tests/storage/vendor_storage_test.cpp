@@ -63,7 +63,7 @@ TEST_F(VendorStorageTest, FailedReadLogsTheBufferBeforeTheFailure)
                             "D/vexa_system_bi_block: bi_block_read_vendor_storage: read failed."));
 }
 
-TEST_F(VendorStorageTest, NodeAndHalShareOneStoreThatOutlivesTheProcess)
+TEST_F(VendorStorageTest, NodeAndHalShareOneStoreInTheBoardRoot)
 {
     ASSERT_EQ(bi_block_write_vendor_storage(45, "OSER-record", 11, 0), 11);
     const int fd = os::open("/dev/vendor_storage", O_RDWR);
@@ -81,7 +81,7 @@ TEST_F(VendorStorageTest, NodeAndHalShareOneStoreThatOutlivesTheProcess)
     EXPECT_EQ(os::ioctl(fd, 0x40047601, &missing), -1);
     os::close(fd);
 
-    // Another handle on the same board root sees the items.
+    // The HAL sees what the node wrote.
     char back[4] = {};
     EXPECT_EQ(bi_block_read_vendor_storage(46, back, 3, 0), 3);
     EXPECT_STREQ(back, "abc");
