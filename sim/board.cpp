@@ -13,6 +13,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "platform/os.h"
 #include "sim/state.h"
 
 namespace fs = std::filesystem;
@@ -512,6 +513,19 @@ void drive_line(const Board::State &s, int id, int level, const char *direction)
             lines[id].direction = direction;
         write_lines(s, lines);
     });
+    std::vector<Board::LineWatcher> watchers;
+    {
+        std::lock_guard<std::mutex> lock(s.watch_mu);
+        watchers = s.line_watchers;
+    }
+    for (auto &watch : watchers)
+        watch(id, level != 0 ? 1 : 0, vexa::os::monotonic_ns());
+}
+
+void Board::watch_lines(LineWatcher watcher) const
+{
+    std::lock_guard<std::mutex> lock(state_->watch_mu);
+    state_->line_watchers.push_back(std::move(watcher));
 }
 
 int Board::line(int id) const { return line_level(*state_, id); }

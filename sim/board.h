@@ -169,6 +169,11 @@ public:
     std::string line_direction(int id) const;
     // Every line driven so far, ascending by id.
     std::vector<std::pair<int, int>> lines() const;
+    // Calls watcher(id, level, board time in ns) after every drive of a line,
+    // from the driving thread (this process only): device models that watch
+    // a line see each pulse, however short.
+    using LineWatcher = std::function<void(int id, int level, uint64_t now_ns)>;
+    void watch_lines(LineWatcher watcher) const;
 
     // System properties.
     std::string property(const std::string &key) const;

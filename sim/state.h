@@ -39,6 +39,8 @@ struct Board::State {
     std::map<std::string, CommandHandler> commands;
     std::map<std::string, MountHandler> mount_handlers; // by source device
     std::map<FILE *, int> popen_status;
+    mutable std::mutex watch_mu; // guards line_watchers
+    std::vector<Board::LineWatcher> line_watchers;
 
     ~State();
 

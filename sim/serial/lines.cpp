@@ -101,6 +101,11 @@ VEXA_SIM_ATTACHER(serial_lines)
             lines->mcu->set_version(version);
         const int type = iniparser_getint(dict.get(), "mcu:mcu_type", 1);
         lines->mcu->set_type(type >= 1 && type <= 4 ? type : 1);
+        std::weak_ptr<McuModel> weak = lines->mcu;
+        board.watch_lines([weak](int id, int level, uint64_t now_ns) {
+            if (auto mcu = weak.lock())
+                mcu->observe_line(id, level, now_ns);
+        });
     }
     for (const char *key : kSerialKeys) {
         const char *path = iniparser_getstring(dict.get(), key, nullptr);
