@@ -103,6 +103,18 @@ constexpr uint32_t kEraseSize = 4096;
 
 class MtdModel : public DeviceModel {
 public:
+    // Like the kernel's MTD character device, a write stops at the end of the
+    // device and one that starts there fails with ENOSPC.
+    ssize_t write(int fd, const void *buf, size_t count) override
+    {
+        const off_t at = ::lseek(fd, 0, SEEK_CUR);
+        return pwrite_within(fd, buf, count, at, true);
+    }
+    ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset) override
+    {
+        return pwrite_within(fd, buf, count, offset, false);
+    }
+
     int ioctl(int fd, unsigned long request, void *arg) override
     {
         struct stat st;
@@ -136,6 +148,25 @@ public:
         }
         errno = ENOTTY;
         return -1;
+    }
+
+private:
+    static ssize_t pwrite_within(int fd, const void *buf, size_t count, off_t at, bool advance)
+    {
+        struct stat st;
+        if (at < 0 || ::fstat(fd, &st) != 0)
+            return -1;
+        if (count == 0)
+            return 0;
+        if (at >= st.st_size) {
+            errno = ENOSPC;
+            return -1;
+        }
+        const size_t room = static_cast<size_t>(st.st_size - at);
+        const ssize_t n = ::pwrite(fd, buf, count < room ? count : room, at);
+        if (advance && n > 0)
+            ::lseek(fd, at + n, SEEK_SET);
+        return n;
     }
 };
 

@@ -87,6 +87,19 @@ TEST_F(UbootenvTest, UbootenvDeviceFailuresAreReported)
                            "/dev/block/by-name/ubootenv) error"));
 }
 
+TEST_F(UbootenvTest, UbootenvDeviceSavesWithinItsSize)
+{
+    const char *mtd = "/dev/block/by-name/ubootenv";
+    rebuild(sim::Board::Builder().file(mtd, make_env_image({"dev=ubootenv"}, 131072)));
+    board().remove_file(kDevice);
+    Ubootenv env;
+    // The image fills the device: the second copy runs into its end and is cut.
+    EXPECT_EQ(env.updateValue("ubootenv.var.dev", "changed"), 0);
+    EXPECT_EQ(board().read_file(mtd).size(), 131072u);
+    Ubootenv fresh;
+    EXPECT_STREQ(fresh.getValue("ubootenv.var.dev"), "changed");
+}
+
 TEST_F(UbootenvTest, BadFirstCopyFallsBackToTheSecond)
 {
     std::string first = make_env_image({"k=first"});
