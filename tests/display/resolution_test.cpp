@@ -428,19 +428,5 @@ TEST_F(ResolutionTest, ListHoldsTheSavedModeAndTheOtherPresets)
     EXPECT_EQ(bi_resolution_get_parameters_list(list), 15) << "nothing saved";
 }
 
-TEST_F(ResolutionTest, OffsetTableIndexes)
-{
-    uint32_t offset = 0;
-    const std::pair<uint32_t, uint32_t> cases[] = {{0, 512}, {10, 5632}, {11, 6144}};
-    for (auto [index, expected] : cases) {
-        ASSERT_EQ(get_offset_by_index(index, &offset), 0);
-        EXPECT_EQ(offset, expected);
-    }
-    EXPECT_EQ(get_offset_by_index(12, &offset), -1);
-    EXPECT_THAT(resolution_log(),
-                ElementsAre("E/vexa_system_bi_resolution: get_offset_by_index: Index out of "
-                            "range, index = 12"));
-}
-
 } // namespace
 } // namespace vexa::test

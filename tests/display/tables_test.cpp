@@ -78,21 +78,6 @@ TEST_F(TablesTest, VideoTimingFillsRowLayoutFromModeTable)
     EXPECT_EQ(GetVideoTiming(1024, 600, 60, &row), 0);
 }
 
-TEST_F(TablesTest, ModeTableRowsAreConsistent)
-{
-    for (uint32_t i = 0; i < XVidC_VideoTimingModes_rows; ++i) {
-        const XVidC_VideoTimingMode &m = XVidC_VideoTimingModes[i];
-        SCOPED_TRACE(m.name);
-        EXPECT_EQ(m.mode_id, i);
-        EXPECT_EQ(m.h_total, m.h_active + m.h_front_porch + m.h_sync_width + m.h_back_porch);
-        EXPECT_EQ(m.f0_v_total,
-                  m.v_active + m.f0_v_front_porch + m.f0_v_sync_width + m.f0_v_back_porch);
-        const std::string name = std::to_string(m.h_active) + "x" + std::to_string(m.v_active) +
-                                 "@" + std::to_string(m.frame_rate) + "Hz";
-        EXPECT_EQ(std::string(m.name).substr(0, name.size()), name);
-    }
-}
-
 TEST_F(TablesTest, ClosestLargerSplitWidth)
 {
     const std::pair<uint32_t, uint32_t> cases[] = {
