@@ -19,29 +19,12 @@ struct UbootenvTwin {
     static void destroy() { store().release(); }
 };
 
-// The twin's own operations, one per member of the class. They stay inside
-// the library: short names such as init and save would clash with the
-// caller's own symbols.
-namespace vexa::ubootenv {
-
-int init() { return UbootenvTwin::store().init(); }
-int read_partition_data() { return UbootenvTwin::store().readPartitionData(); }
-void parse_attribute() { UbootenvTwin::store().parseAttribute(); }
-void format_attribute() { UbootenvTwin::store().formatAttribute(); }
-int property_load() { return UbootenvTwin::store().propertyLoad(); }
-bool is_env(const char *name) { return UbootenvTwin::store().isEnv(name); }
-const char *get_value(const char *key) { return UbootenvTwin::store().get(key); }
-int set_value(const char *key, const char *value, bool create) { return UbootenvTwin::store().set(key, value, create); }
-int save() { return UbootenvTwin::store().save(); }
-
-} // namespace vexa::ubootenv
-
 extern "C" {
 
 VEXA_API int32_t ubootenv_init(void)
 {
     UbootenvTwin::clearPath();
-    return vexa::ubootenv::init();
+    return UbootenvTwin::store().init();
 }
 
 VEXA_API void ubootenv_destroy(void)

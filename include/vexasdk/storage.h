@@ -65,8 +65,9 @@ VEXA_API int32_t bi_block_check(const char *device);
  * standard output, not to the system log.
  *
  * Only the ubootenv_* functions are exported. The store's lower operations
- * (init, save, get_value, set_value, is_env, read_partition_data, ...) stay
- * inside the library: names that short would collide with a caller's own.
+ * (init, save, get_value, set_value, is_env, read_partition_data, ...) are
+ * not: names that short would collide with a caller's own. The class
+ * Ubootenv offers them as members (init, save, get, set, isEnv, ...).
  *
  * Errors: ubootenv_init returns 0, -2 (no device or no copy could be read) or
  * -3 (MEMGETINFO failed); ubootenv_update_value returns 0 (unchanged or
