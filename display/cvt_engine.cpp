@@ -56,6 +56,21 @@ int64_t hperiod_ps(int32_t min_time)
     return (int64_t(Fields) * kPicosecondsMilli / VRate - int64_t(Fields) * min_time) / VActive;
 }
 
+// Sizes a timing can hold: descriptors and the hardware count in 16 bits.
+constexpr uint32_t kMaxActive = 65535;
+
+// The engine divides by the refresh, the clock divisor and the line period;
+// refuse what would make one of them zero or negative.
+bool computable(uint32_t hactive, uint32_t vactive)
+{
+    if (hactive == 0 || vactive == 0 || hactive > kMaxActive || vactive > kMaxActive)
+        return false;
+    if (VRate <= 0 || Fields <= 0 || GetVRateDivisor() <= 0)
+        return false;
+    return (int64_t(Fields) * kPicosecondsMilli / VRate - int64_t(Fields) * MinTimeCVTRB) > 0 &&
+           (int64_t(Fields) * kPicosecondsMilli / VRate - int64_t(Fields) * MinTimeCVTRB2) > 0;
+}
+
 void log_clock_inputs()
 {
     VEXA_LOGE(kTag, "VRate: %lld, HTotal: %d, VTotal: %d, Divison: %d\n", (long long)VRate, HTotal,
@@ -90,7 +105,7 @@ void fill_positions(ResolutionTiming *out)
 int32_t standard(const char *illegal, int32_t (*algorithm)(), uint32_t hactive, uint32_t vactive,
                  ResolutionTiming *out)
 {
-    if (hactive == 0 || vactive == 0 || out == nullptr) {
+    if (out == nullptr || !computable(hactive, vactive)) {
         VEXA_LOGE(kTag, "%s", illegal);
         return -1;
     }
@@ -113,7 +128,7 @@ int32_t standard(const char *illegal, int32_t (*algorithm)(), uint32_t hactive, 
 int32_t vdc260(uint32_t hactive, uint32_t vactive, uint32_t refresh, bool fps_variant,
                ResolutionTiming *out)
 {
-    if (hactive == 0 || vactive == 0 || out == nullptr) {
+    if (out == nullptr || !computable(hactive, vactive)) {
         VEXA_LOGE(kTag, "CVTRB: illegal data\n");
         return -1;
     }
@@ -198,7 +213,7 @@ VEXA_API int32_t CalculateVTotal(void)
 
 VEXA_API int32_t GetVSyncForCVTRB(void)
 {
-    const int32_t ratio = HActive == 0 ? 0 : VActive * 4000 / HActive;
+    const int64_t ratio = HActive == 0 ? 0 : int64_t(VActive) * 4000 / HActive;
     for (const auto &row : AspectVSync) {
         if (row[0] == 0 && row[1] == 0)
             break;

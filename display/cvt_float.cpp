@@ -45,7 +45,8 @@ extern "C" {
 VEXA_API int32_t vert_refresh(int32_t hdisplay, int32_t vdisplay, float vfreq, int32_t interlaced,
                               int32_t reduced, int32_t margins, int32_t pulldown, CvtMode *mode)
 {
-    if (mode == nullptr || hdisplay <= 0 || vdisplay <= 0 || !(vfreq > 0.0f))
+    if (mode == nullptr || hdisplay <= 0 || vdisplay <= 0 || hdisplay > 65535 ||
+        vdisplay > 65535 || !(vfreq > 0.0f) || !(vfreq < 100000.0f))
         return -1;
     const double cell = CELL_GRAN;
     const double h_rnd = double(CELL_GRAN_RND) * std::floor(hdisplay / double(CELL_GRAN_RND));

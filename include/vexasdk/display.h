@@ -245,7 +245,9 @@ VEXA_API int32_t GetVFrontForCVTRB2(void);
 VEXA_API int32_t CalculateCVTRB2(void);
 
 /* Two-pass CVT-RB (RB2) timing of hactive x vactive at VRate into out; the
- * refresh word is always 60. 0, or -1 for a zero size or null out. */
+ * refresh word is always 60. 0, or -1 ("illegal data") for a zero size or a
+ * size above 65535, a null out, or variables that leave nothing to divide
+ * by (VRate or Fields not above 0, a refresh too high for the blanking). */
 VEXA_API int32_t CalculateCVTRBStandard(uint32_t hactive, uint32_t vactive, ResolutionTiming *out);
 VEXA_API int32_t CalculateCVTRB2Standard(uint32_t hactive, uint32_t vactive, ResolutionTiming *out);
 /* CVT-RB with the clock snapped to the vdc260 PLL; htotal follows the snapped
@@ -262,8 +264,8 @@ VEXA_API extern float CLOCK_STEP, CELL_GRAN, CELL_GRAN_RND, MIN_V_BPORCH, RB_V_F
 VEXA_API extern int32_t global_verbose;
 
 /* Full CVT mode (normal or reduced blanking, margins, interlace, 1000/1001
- * pull-down) into mode. 0, or -1 for a null mode or a size or refresh that
- * gives no timing. */
+ * pull-down) into mode. 0, or -1 for a null mode, a size outside 1 to 65535,
+ * or a refresh that gives no timing. */
 VEXA_API int32_t vert_refresh(int32_t hdisplay, int32_t vdisplay, float vfreq, int32_t interlaced,
                               int32_t reduced, int32_t margins, int32_t pulldown, CvtMode *mode);
 /* mode to out; returns the refresh, snapped to 60, 50 or 30 within 1 Hz. */
@@ -345,7 +347,8 @@ VEXA_API int32_t ResT_calEDID_by_model(const uint8_t *edid_template, uint8_t *ou
                                        uint32_t hactive, uint32_t vactive, float refresh);
 VEXA_API int32_t ResT_calEDID_by_DTD(const uint8_t *edid_template, uint8_t *out,
                                      DetailedTiming timing);
-/* The timing the EDID builders choose for a mode. 0, or 1 for a null record. */
+/* The timing the EDID builders choose for a mode. 0, or 1 for a null record
+ * or a mode no table or CVT rule gives a timing for. */
 VEXA_API int32_t ResT_calDTD_by_model(DetailedTiming *timing, uint32_t hactive, uint32_t vactive,
                                       float refresh);
 

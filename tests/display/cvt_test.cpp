@@ -90,7 +90,7 @@ TEST_F(CvtTest, Rb2MatchesPublishedTiming)
     EXPECT_NEAR(double(t.clock), 133320.0, 10.0);
 }
 
-TEST_F(CvtTest, ZeroSizesAreIllegal)
+TEST_F(CvtTest, SizesAndRatesWithoutATimingAreIllegal)
 {
     ResolutionTiming t{};
     EXPECT_EQ(CalculateCVTRBStandard(0, 1080, &t), -1);
@@ -102,6 +102,16 @@ TEST_F(CvtTest, ZeroSizesAreIllegal)
                             "E/vexa_system_CVTRB: CVTRB2: illegal data",
                             "E/vexa_system_CVTRB: CVTRB: illegal data",
                             "E/vexa_system_bi_resolution: CVTRB: illegal data"));
+    // Nothing to divide by: no refresh, a refresh whose frame is shorter than
+    // the blanking, a size beyond 16 bits.
+    VRate = 0;
+    EXPECT_EQ(CalculateCVTRBStandard(1920, 1080, &t), -1);
+    VRate = 3000000;
+    EXPECT_EQ(CalculateCVTRB2Standard(1920, 1080, &t), -1);
+    VRate = 60000;
+    EXPECT_EQ(CalculateCVTRBStandard(70000, 1080, &t), -1);
+    EXPECT_EQ(CalculateCVTRBStandard_VDC260_fps(1920, 1080, 0, &t), -1);
+    EXPECT_EQ(calculate_cvtrb_timming(1920, 1080, 0, "cvtrb", &t), -1);
 }
 
 TEST_F(CvtTest, RbPassLogsItsSteps)
