@@ -56,7 +56,7 @@ TEST_F(BlockTest, NamedPartitionsReadBackWhatWasWritten)
 
 TEST_F(BlockTest, HalFailuresPassThroughUnchanged)
 {
-    char buf[16];
+    char buf[16] = {};
     // Past the end of the fixed-size partition.
     EXPECT_LT(bi_block_write_screen(4u << 20, buf, sizeof(buf)), 0);
     board().inject(sim::Fault::on("hal_block_read").at("/dev/block/by-name/screen").returns(-7));
