@@ -32,6 +32,9 @@ std::vector<size_t> valid_descriptors(const uint8_t *edid)
     return offsets;
 }
 
+// Parsing then packing gives the same 18 bytes. A clock in one of the
+// parser's windows around a standard clock (27.03 MHz, 107.96 MHz) comes back
+// as the standard one; the other 16 bytes still do.
 void expect_descriptors_round_trip(const uint8_t *edid)
 {
     const auto offsets = valid_descriptors(edid);
@@ -41,8 +44,12 @@ void expect_descriptors_round_trip(const uint8_t *edid)
         ASSERT_EQ(edid_parse_dtd(edid + at, &t), 1);
         uint8_t again[18];
         ASSERT_EQ(edid_create_dtd(&t, again), 1);
-        EXPECT_EQ(std::vector<uint8_t>(again, again + 18),
-                  std::vector<uint8_t>(edid + at, edid + at + 18))
+        const uint32_t raw_hz = uint32_t(edid[at] | edid[at + 1] << 8) * 10000u;
+        const size_t from = t.pixel_clock == raw_hz ? 0 : 2;
+        if (from == 2)
+            EXPECT_NEAR(double(t.pixel_clock), double(raw_hz), 1000000.0);
+        EXPECT_EQ(std::vector<uint8_t>(again + from, again + 18),
+                  std::vector<uint8_t>(edid + at + from, edid + at + 18))
             << "descriptor at " << at;
     }
 }
@@ -373,6 +380,7 @@ TEST_F(EdidTest, ModelEdidsPassEdidDecode)
     auto check = [&](uint32_t w, uint32_t h, float rate) {
         uint8_t edid[256];
         ASSERT_EQ(bi_resolution_get_edid_by_model(w, h, rate, edid), 0);
+        expect_descriptors_round_trip(edid);
         std::ofstream(path, std::ios::binary).write(reinterpret_cast<char *>(edid), 256);
         for (const std::string &failure : conformance_failures(path))
             ADD_FAILURE() << w << "x" << h << "@" << rate << ":" << failure;
