@@ -46,8 +46,9 @@ void expect_descriptors_round_trip(const uint8_t *edid)
         ASSERT_EQ(edid_create_dtd(&t, again), 1);
         const uint32_t raw_hz = uint32_t(edid[at] | edid[at + 1] << 8) * 10000u;
         const size_t from = t.pixel_clock == raw_hz ? 0 : 2;
-        if (from == 2)
+        if (from == 2) {
             EXPECT_NEAR(double(t.pixel_clock), double(raw_hz), 1000000.0);
+        }
         EXPECT_EQ(std::vector<uint8_t>(again + from, again + 18),
                   std::vector<uint8_t>(edid + at + from, edid + at + 18))
             << "descriptor at " << at;
