@@ -479,6 +479,67 @@ VEXA_API int32_t mcu_tool_isp_task(const char *file_path, const char *uart_path)
     return result;
 }
 
+// Greets the bootloader, up to three tries.
+static bool greet()
+{
+    for (int left = 3; left > 0; --left) {
+        VEXA_LOGD(kTag, "try_times = %d\n", left);
+        if (ack_startisp() == 0)
+            return true;
+    }
+    return false;
+}
+
+// An unprotect command: acknowledged twice, then the chip restarts its
+// bootloader, which must be greeted again.
+static bool unprotect(uint8_t command)
+{
+    if (ack_sendcmd(command) != 0 || read_byte(0) != MCU_ISP_ACK)
+        return false;
+    vexa::os::sleep_us(100000);
+    return greet();
+}
+
+VEXA_API int32_t task(const char *file_path, const char *uart_path)
+{
+    const char *image_path = file_path ? file_path : MCU_ISP_TEST_IMAGE;
+    VEXA_LOGD(kTag, "\n [*]. do interactive task with %s ! \n", image_path);
+    mcu_serial_init(uart_path, 115200, 8, 1, 'O');
+    mcu_isp_init();
+    vexa::os::sleep_us(500000);
+    int32_t result = MCU_ISP_TASK_FAILED;
+    std::vector<uint8_t> image;
+    const int64_t size = file_size(image_path);
+    if (size >= 0 && size <= 0x7FFFFFFF) {
+        image.resize(static_cast<size_t>(size));
+        if (file_read(image_path, image.data(), image.size()) != size)
+            image.clear();
+    }
+    if (image.empty() && size != 0) {
+        VEXA_LOGE(kTag, "%s: cannot read %s\n", __func__, image_path);
+    } else if (!greet()) {
+        VEXA_LOGE(kTag, "%s: the bootloader does not answer\n", __func__);
+    } else if (!unprotect(0x92) || !unprotect(0x73)) {
+        VEXA_LOGE(kTag, "%s: readout or write unprotect failed\n", __func__);
+    } else {
+        mcu_type_detect();
+        const uint32_t len = static_cast<uint32_t>(image.size());
+        if (ack_sendcmd(0x44) == 0 && erasememory_extend(MCU_ISP_FLASH_BASE, len) == 0 &&
+            writememory_2mcu(MCU_ISP_FLASH_BASE, image.data(), len) == 0) {
+            std::vector<uint8_t> back(image.size());
+            if (readmemory_4mcu(MCU_ISP_FLASH_BASE, back.data(), len) == 0 && back == image) {
+                VEXA_LOGD(kTag, "%s: read back %u bytes, equal to the image\n", __func__, len);
+                result = 0;
+            } else {
+                VEXA_LOGE(kTag, "%s: read back differs from the image\n", __func__);
+            }
+        }
+    }
+    mcu_serial_close();
+    mcu_isp_close();
+    return result;
+}
+
 VEXA_API int32_t n32_uart_isp_upgrade(const char *file_path, const char *uart_path)
 {
     VEXA_LOGE(kTag, "%s: the N32 UART bootloader is not supported, %s not flashed to %s\n",

@@ -208,6 +208,12 @@ VEXA_API extern const char *const str_mcu_type[5];
 /* The whole flash: reset into the bootloader, greet, identify, erase, write
  * from 0x08000000, reset back into the application. 0, or 15. */
 VEXA_API int32_t mcu_tool_isp_task(const char *file_path, const char *uart_path);
+/* The interactive variant, for manual use: like mcu_tool_isp_task, but first
+ * lifts readout and write protection (each restarts the bootloader, which is
+ * greeted again) and at the end reads the flash back and compares it with
+ * the image. file_path null: MCU_ISP_TEST_IMAGE. 0, or 15. */
+#define MCU_ISP_TEST_IMAGE "/data/local/tmp/mcu_test.bin"
+VEXA_API int32_t task(const char *file_path, const char *uart_path);
 /* The N32 family's flasher. Its protocol is not implemented: logs an error
  * and returns -1. */
 VEXA_API int32_t n32_uart_isp_upgrade(const char *file_path, const char *uart_path);

@@ -239,3 +239,20 @@ TEST_F(IspTest, UnsetTextsAreRefusedInOrder)
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(IspTest, InteractiveTaskUnprotectsFlashesAndReadsBack)
+{
+    const std::string image = image_of(1500, 3);
+    board().write_file(MCU_ISP_TEST_IMAGE, image);
+    EXPECT_EQ(task(nullptr, "/dev/ttyS9"), 0);
+    EXPECT_TRUE(bytes(mcu().flash(1500)) == image);
+    EXPECT_EQ(mcu().start_bytes(), 3); // greeted again after each unprotect
+    EXPECT_TRUE(logged("D/vexa_system_fw_update: task: read back 1500 bytes, equal to the image"));
+    EXPECT_EQ(mcu().mode(), Mode::application);
+    mcu().nack_command(0x92, 1);
+    EXPECT_EQ(task(nullptr, "/dev/ttyS9"), MCU_ISP_TASK_FAILED);
+}
+
+} // namespace
