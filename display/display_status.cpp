@@ -15,27 +15,11 @@
 
 namespace {
 const char *const kTag = vexa::display::kResolutionTag;
+using vexa::display::UniqueFd;
 
 const char *const kPqDebug = "/sys/class/amvecm/debug";
 const char *const kPqDetect = "/sys/module/decoder_common/parameters/debug_vdetect";
 const char *const kPqAipq = "/sys/module/aml_media/parameters/uvm_open_aipq";
-
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd()
-    {
-        if (fd_ >= 0)
-            vexa::os::close(fd_);
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
 
 bool path_set(const char *path)
 {

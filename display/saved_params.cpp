@@ -18,6 +18,7 @@
 
 namespace {
 using vexa::display::crc32_of;
+using vexa::display::UniqueFd;
 using vexa::display::kResolutionTag;
 
 // The kernel's vendor-storage request.
@@ -48,23 +49,6 @@ constexpr off_t kTableOffset = 8;
 constexpr int kTableEntries = 8;
 constexpr uint32_t kConnectorHdmiA = 11;
 constexpr size_t kBlockCrcOffset = DISP_INFO_SIZE - 4;
-
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    ~UniqueFd()
-    {
-        if (fd_ >= 0)
-            vexa::os::close(fd_);
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
 
 uint32_t load32(const uint8_t *p)
 {
