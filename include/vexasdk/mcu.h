@@ -17,8 +17,8 @@
  * runs until the process ends; it is the only thread the library starts.
  *
  * Waiting for the MCU: every bounded wait (the version answer, bootloader
- * acknowledges) waits for the descriptor to become readable in slices of at
- * most 10 ms, so an answer that has arrived is taken at once; the time-outs
+ * acknowledges) polls the descriptor for input instead of sleeping before
+ * the read, so an answer that has arrived is taken at once; the time-outs
  * are the upper bounds.
  */
 #ifndef VEXASDK_MCU_H
