@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 
@@ -55,6 +57,33 @@ int echo_value(const std::vector<std::string> &argv, std::string *path)
     return argv[1] == "0" ? 0 : argv[1] == "1" ? 1 : -2;
 }
 
+// Settings of the MCU model kept with the board, so that every process that
+// attaches it (vexactl, board serve) sees the same MCU: "/.board/mcu-model",
+// lines "version=TEXT", "links=MASK", "type=N".
+void apply_model_settings(const Board &board, McuModel &mcu)
+{
+    if (!board.exists("/.board/mcu-model"))
+        return;
+    std::istringstream in(board.read_file("/.board/mcu-model"));
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto eq = line.find('=');
+        if (eq == std::string::npos)
+            continue;
+        const std::string key = line.substr(0, eq);
+        const std::string value = line.substr(eq + 1);
+        char *end = nullptr;
+        const unsigned long long number = std::strtoull(value.c_str(), &end, 0);
+        const bool numeric = end && *end == '\0' && !value.empty();
+        if (key == "version")
+            mcu.set_version(value);
+        else if (key == "links" && numeric)
+            mcu.set_link_mask(number);
+        else if (key == "type" && numeric && number >= 1 && number <= 4)
+            mcu.set_type(static_cast<int>(number));
+    }
+}
+
 } // namespace
 
 std::shared_ptr<SerialLine> serial_line(const Board &board, const std::string &board_path)
@@ -101,6 +130,7 @@ VEXA_SIM_ATTACHER(serial_lines)
             lines->mcu->set_version(version);
         const int type = iniparser_getint(dict.get(), "mcu:mcu_type", 1);
         lines->mcu->set_type(type >= 1 && type <= 4 ? type : 1);
+        apply_model_settings(board, *lines->mcu);
         std::weak_ptr<McuModel> weak = lines->mcu;
         board.watch_lines([weak](int id, int level, uint64_t now_ns) {
             if (auto mcu = weak.lock())

@@ -21,6 +21,10 @@
 // being fed and whether the closing signal (five short pulses ending high)
 // came.
 //
+// Settings kept with the board ("/.board/mcu-model": lines "version=TEXT",
+// "links=MASK", "type=N") apply to the model of every process that attaches
+// the board.
+//
 // Threads: the model answers on its own thread; every method may be called
 // from any thread.
 #ifndef VEXA_SIM_SERIAL_MCU_MODEL_H
@@ -56,6 +60,7 @@ public:
     void set_version(const std::string &text);
     // The version the application reports now.
     std::string version() const;
+    // Bit n: port n has a link (default 0xF: ports 0 to 3).
     void set_link_mask(uint64_t mask);
     uint64_t link_mask() const;
 
@@ -149,7 +154,7 @@ private:
     int nrst_ = 1;
     std::string default_version_ = "V1.0.2.0";
     std::string running_version_;
-    uint64_t link_mask_ = 0;
+    uint64_t link_mask_ = 0xF; // ports 0-3 linked
     struct PendingQuirk {
         Quirk quirk;
         int times;

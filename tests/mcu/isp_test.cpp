@@ -256,3 +256,21 @@ TEST_F(IspTest, InteractiveTaskUnprotectsFlashesAndReadsBack)
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(IspTest, SettingsKeptWithTheBoardApplyToEveryAttach)
+{
+    EXPECT_EQ(mcu().link_mask(), 0xFu);
+    char dir[] = "/tmp/vexa-mcu-model-XXXXXX";
+    ASSERT_TRUE(mkdtemp(dir));
+    const std::string root = std::string(dir) + "/board";
+    reload(vexa::sim::Board::Builder().root(root).file("/.board/mcu-model", "version=V9.9.9.9\nlinks=0x30\ntype=4\nbogus\nlinks=x\n"));
+    EXPECT_EQ(mcu().version(), "V9.9.9.9");
+    EXPECT_EQ(mcu().link_mask(), 0x30u);
+    EXPECT_EQ(mcu().type(), 4);
+    reload(vexa::sim::Board::Builder());
+    std::filesystem::remove_all(dir);
+}
+
+} // namespace

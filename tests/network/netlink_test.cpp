@@ -116,6 +116,7 @@ TEST_F(NetlinkTest, ShortReplyIsRefusedAndTheInputDrained)
 
 TEST_F(NetlinkTest, EachKindOfBadReplyCountsAsOneFailedAttempt)
 {
+    mcu_->set_link_mask(0);
     mcu_->add_quirk(Quirk::garble);
     mcu_->add_quirk(Quirk::bad_tag);
     mcu_->add_quirk(Quirk::bad_status);
