@@ -38,6 +38,8 @@ uint16_t next_label()
 
 } // namespace
 
+static_assert(sizeof(vexa_request_record_t) == 50, "the request record keeps its 50-byte layout");
+
 uint16_t g_n_lable = 0;
 
 namespace vexa::mcu {

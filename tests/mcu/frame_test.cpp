@@ -1,4 +1,6 @@
 // Request frames: layout, labels, checksum and sending.
+#include <unistd.h>
+
 #include <cstring>
 #include <numeric>
 
@@ -109,6 +111,25 @@ TEST_F(FrameTest, FailedWriteIsLoggedAndReturned)
                             std::to_string(fd_) + ") err(Input/output error)");
     EXPECT_EQ(lines[2], "E/vexa_system_hidl_service: vexa_request: vexa_physical_send failed, "
                         "n_recv_len = 0");
+}
+
+TEST_F(FrameTest, MessageReachesTheMcuWhole)
+{
+    const int fd = serialInit();
+    ASSERT_GT(fd, 0);
+    const uint8_t data[5] = {1, 2, 3, 4, 5};
+    ASSERT_EQ(send_mcu_message(0x42, 0, data, 5, fd), 37);
+    std::vector<std::vector<uint8_t>> frames;
+    for (int i = 0; i < 200 && frames.empty(); ++i) {
+        frames = mcu().frames();
+        usleep(1000);
+    }
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].size(), 37u);
+    EXPECT_EQ(frames[0][22], 0x42);
+    EXPECT_EQ(std::vector<uint8_t>(frames[0].begin() + 30, frames[0].begin() + 35),
+              std::vector<uint8_t>(data, data + 5));
+    close(fd);
 }
 
 TEST_F(FrameTest, HelpersKeepTheirContracts)
