@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 
+#include "mcu/mcu_reply.h"
 #include "mcu/serial_wait.h"
 #include "platform/android.h"
 #include "platform/log.h"
@@ -16,9 +17,8 @@ constexpr const char *kTag = "vexa_system_fw_update";
 constexpr const char *kVersionProperty = "persist.vexa.mcu_fw_version";
 constexpr int kVersionRounds = 10;
 constexpr int kIspTries = 5;
-// The version text stands at offsets 46..60 of the MCU's answer.
-constexpr size_t kVersionOffset = 46;
-constexpr size_t kVersionLength = 15;
+using vexa::mcu::kVersionLength;
+using vexa::mcu::kVersionOffset;
 constexpr int kAnswerWaitMs = 500;
 
 // The version request, sent exactly as it stands (label 7, word 9 = 1,
@@ -68,7 +68,7 @@ VEXA_API int32_t getMcuFwVersion(int32_t fd, char *buf)
     answer[got] = 0;
     VEXA_LOGD(kTag, "%s: mcu_fd = %d, data received(%u):\n", __func__, fd,
               static_cast<unsigned>(got));
-    std::memcpy(buf, answer + kVersionOffset, kVersionLength);
+    vexa::mcu::version_from_answer(answer, static_cast<size_t>(got), buf);
     char shown[kVersionLength + 1] = {};
     std::memcpy(shown, buf, kVersionLength);
     VEXA_LOGD(kTag, "mcuIcVer = %s\n", shown);

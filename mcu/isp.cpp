@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "mcu/mcu_internal.h"
+#include "mcu/mcu_reply.h"
 #include "mcu/serial_wait.h"
 #include "platform/log.h"
 #include "platform/os.h"
@@ -328,7 +329,7 @@ VEXA_API uint32_t read_gd_mcu_pid(void)
     send_bytes({0x06, 0xF9});
     if (read_byte(0) != MCU_ISP_ACK)
         return 0;
-    constexpr int kMax = 16;
+    const int kMax = static_cast<int>(vexa::mcu::kGdPidMax);
     int len = read_byte(0);
     if (len > kMax) {
         VEXA_LOGD(kTag, "%s: read gd pid length(%d) is larger than max size(%d), use max size\n",
@@ -336,14 +337,13 @@ VEXA_API uint32_t read_gd_mcu_pid(void)
         len = kMax;
     }
     VEXA_LOGD(kTag, "%s: read gd pid data len = %d\n", __func__, len);
-    uint8_t reply[kMax + 1] = {};
+    uint8_t reply[vexa::mcu::kGdPidMax + 1] = {};
     mcu_serial_read(reply, static_cast<uint32_t>(len + 1));
-    if (reply[len] != MCU_ISP_ACK) {
-        VEXA_LOGD(kTag, "%s: End byte(0x%x) is not equal to 0x79\n", __func__, reply[len]);
-        return 0;
-    }
-    return static_cast<uint32_t>(reply[0]) | (static_cast<uint32_t>(reply[1]) << 8) |
-           (static_cast<uint32_t>(reply[2]) << 16) | (static_cast<uint32_t>(reply[3]) << 24);
+    uint8_t end = 0;
+    const uint32_t pid = vexa::mcu::gd_pid_from(reply, sizeof(reply), static_cast<size_t>(len), &end);
+    if (end != MCU_ISP_ACK)
+        VEXA_LOGD(kTag, "%s: End byte(0x%x) is not equal to 0x79\n", __func__, end);
+    return pid;
 }
 
 VEXA_API uint32_t read_st_mcu_pid(void)
@@ -355,7 +355,7 @@ VEXA_API uint32_t read_st_mcu_pid(void)
         return 0;
     uint8_t reply[10] = {};
     mcu_serial_read(reply, sizeof(reply));
-    return (reply[0] == 1 && reply[1] == 0x04 && reply[2] == 0x50) ? 0x450u : 0u;
+    return vexa::mcu::st_pid_from(reply, sizeof(reply));
 }
 
 VEXA_API void mcu_type_detect(void)
