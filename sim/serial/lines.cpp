@@ -116,6 +116,8 @@ using namespace vexa::sim;
 
 VEXA_SIM_ATTACHER(serial_lines)
 {
+    if (!board.exists("/vendor/etc/product.ini"))
+        return;
     std::unique_ptr<dictionary, DictDeleter> dict(
         iniparser_load(board.host_path("/vendor/etc/product.ini").c_str()));
     if (!dict)
