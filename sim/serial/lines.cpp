@@ -48,13 +48,29 @@ bool usable(const char *path)
     return path && path[0] == '/' && std::string(path).find("UNDEF") == std::string::npos;
 }
 
-// Value of "echo VALUE > PATH" for the path, or -1.
-int echo_value(const std::vector<std::string> &argv, std::string *path)
+// A shell echo: the words (quotes taken off) and, for "> PATH" or
+// ">> PATH", where they go.
+struct Echo {
+    std::string text;
+    std::string path; // empty: standard output
+    bool append = false;
+};
+
+Echo parse_echo(const std::vector<std::string> &argv)
 {
-    if (argv.size() != 4 || (argv[2] != ">" && argv[2] != ">>"))
-        return -1;
-    *path = argv[3];
-    return argv[1] == "0" ? 0 : argv[1] == "1" ? 1 : -2;
+    Echo echo;
+    for (size_t i = 1; i < argv.size(); ++i) {
+        if ((argv[i] == ">" || argv[i] == ">>") && i + 1 < argv.size()) {
+            echo.append = argv[i] == ">>";
+            echo.path = argv[i + 1];
+            break;
+        }
+        std::string word = argv[i];
+        if (word.size() >= 2 && (word.front() == '"' || word.front() == '\'') && word.back() == word.front())
+            word = word.substr(1, word.size() - 2);
+        echo.text += (echo.text.empty() ? "" : " ") + word;
+    }
+    return echo;
 }
 
 // Settings of the MCU model kept with the board, so that every process that
@@ -154,20 +170,21 @@ VEXA_SIM_ATTACHER(serial_lines)
     const std::string root = board.root();
     board.on_command("echo", [lines, root](const std::vector<std::string> &argv,
                                            const std::string &) -> CommandResult {
-        std::string path;
-        const int value = echo_value(argv, &path);
-        if (value == -1)
-            return {0, argv.size() > 1 ? argv[1] + "\n" : "\n"};
-        if (path.rfind("/", 0) == 0 && path.find("..") == std::string::npos) {
-            std::error_code ec;
-            std::filesystem::create_directories(std::filesystem::path(root + path).parent_path(), ec);
-            std::ofstream(root + path) << argv[1] << "\n";
-        }
-        if (lines->mcu && value >= 0) {
-            if (path == "/sys/class/vexagpios/MCU_BOOT0/value")
-                lines->mcu->set_boot0(value);
-            else if (path == "/sys/class/vexagpios/MCU_NRST/value")
-                lines->mcu->set_nrst(value);
+        const Echo echo = parse_echo(argv);
+        if (echo.path.empty())
+            return {0, echo.text + "\n"};
+        if (echo.path.rfind("/", 0) != 0 || echo.path.find("..") != std::string::npos)
+            return {1 << 8, ""};
+        std::error_code ec;
+        std::filesystem::create_directories(std::filesystem::path(root + echo.path).parent_path(), ec);
+        std::ofstream(root + echo.path, echo.append ? std::ios::app : std::ios::trunc) << echo.text << "\n";
+        // The MCU's reset lines.
+        if (lines->mcu && (echo.text == "0" || echo.text == "1")) {
+            const int level = echo.text == "1";
+            if (echo.path == "/sys/class/vexagpios/MCU_BOOT0/value")
+                lines->mcu->set_boot0(level);
+            else if (echo.path == "/sys/class/vexagpios/MCU_NRST/value")
+                lines->mcu->set_nrst(level);
         }
         return {};
     });

@@ -66,6 +66,8 @@ TEST_F(IspTest, ThousandByteImageGoesAsThreeFullBlocksAndOneOf232)
     expected.insert(expected.end(), kIspClose.begin(), kIspClose.end());
     EXPECT_EQ(reset_commands(), expected);
     EXPECT_EQ(mcu().mode(), Mode::application);
+    EXPECT_EQ(board().read_file("/sys/class/vexagpios/MCU_BOOT0/value"), "0\n");
+    EXPECT_EQ(board().read_file("/sys/class/vexagpios/MCU_NRST/value"), "1\n");
 }
 
 TEST_F(IspTest, FlashPersistsInTheBoardRoot)
