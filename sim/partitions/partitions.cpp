@@ -155,21 +155,6 @@ VEXA_SIM_SEEDER(display_files)
 
 namespace {
 
-#define ATTACHED_OR(fail_value)                                                                    \
-    auto state = vexa::sim::attached();                                                            \
-    if (!state) {                                                                                  \
-        errno = ENODEV;                                                                            \
-        return fail_value;                                                                         \
-    }                                                                                              \
-    auto &s = *state
-
-#define FAULT(call, path)                                                                          \
-    do {                                                                                           \
-        long fault_result;                                                                         \
-        if (vexa::sim::fault_fires(s, call, path, &fault_result))                                  \
-            return static_cast<int>(fault_result);                                                 \
-    } while (0)
-
 // Partitions under /dev/block have a fixed size, like the device.
 bool fixed_size(const std::string &path)
 {
@@ -180,12 +165,12 @@ bool fixed_size(const std::string &path)
 
 extern "C" int hal_block_read(const char *path, uint32_t offset, void *buf, uint32_t len)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     if (path == nullptr || (buf == nullptr && len != 0)) {
         errno = EINVAL;
         return -1;
     }
-    FAULT("hal_block_read", path);
+    VEXA_SIM_FAULT("hal_block_read", path, int);
     const int fd = ::open(s.host_path(path).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return -1;
@@ -196,12 +181,12 @@ extern "C" int hal_block_read(const char *path, uint32_t offset, void *buf, uint
 
 extern "C" int hal_block_write(const char *path, uint32_t offset, const void *buf, uint32_t len)
 {
-    ATTACHED_OR(-1);
+    VEXA_SIM_ATTACHED_OR(-1);
     if (path == nullptr || (buf == nullptr && len != 0)) {
         errno = EINVAL;
         return -1;
     }
-    FAULT("hal_block_write", path);
+    VEXA_SIM_FAULT("hal_block_write", path, int);
     const std::string host = s.host_path(path);
     const bool fixed = fixed_size(path);
     const int fd = ::open(host.c_str(), fixed ? O_WRONLY | O_CLOEXEC : O_WRONLY | O_CREAT | O_CLOEXEC,

@@ -1,22 +1,6 @@
 #!/usr/bin/env bash
 # vexactl end to end, on a fresh board in a temporary directory.
-set -u
-vexactl=$1
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-board="$dir/board"
-failures=0
-
-check() { # description, expected, actual
-    if [ "$2" != "$3" ]; then
-        echo "FAIL: $1"
-        echo "  expected: $2"
-        echo "  actual:   $3"
-        failures=$((failures + 1))
-    fi
-}
-
-run() { "$vexactl" --board "$board" "$@"; }
+. "$(dirname "$0")/../cli/lib.sh"
 
 # A new board is laid out on first use, as an ordinary folder.
 run status >"$dir/status" 2>"$dir/err"
@@ -64,8 +48,4 @@ run frobnicate 2>/dev/null
 check "an unknown command is a usage error" 2 $?
 check "config shows the record" "-1" "$(run config 2>/dev/null | awk '$1 == "led_sys" {print $2}')"
 
-if [ $failures -ne 0 ]; then
-    echo "$failures check(s) failed"
-    exit 1
-fi
-echo "all vexactl checks passed"
+finish

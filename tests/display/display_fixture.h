@@ -11,22 +11,19 @@
 
 namespace vexa::test {
 
-class DisplayTest : public BoardTest {
+class DisplayTest : public ProductTest {
 protected:
     void SetUp() override
     {
-        BoardTest::SetUp();
         reset_engine();
-        bi_init_product_config();
-        board().clear_log();
+        ProductTest::SetUp();
     }
 
     // A fresh board of another product.
     void use_product(const std::string &module_id)
     {
         rebuild(sim::Board::Builder().module_id(module_id));
-        bi_init_product_config();
-        board().clear_log();
+        load();
     }
 
     static void reset_engine()

@@ -9,15 +9,7 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 
-class DisplayStatusTest : public DisplayTest {
-protected:
-    void configure(const std::string &key, const std::string &value)
-    {
-        rebuild(sim::Board::Builder().ini(ini_with(key, value)));
-        bi_init_product_config();
-        board().clear_log();
-    }
-};
+using DisplayStatusTest = DisplayTest;
 
 TEST_F(DisplayStatusTest, HdmiStateIndexesOutsideOneToFourTouchNothing)
 {

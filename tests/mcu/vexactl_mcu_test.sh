@@ -1,23 +1,7 @@
 #!/usr/bin/env bash
 # vexactl's serial, mcu and board commands end to end, on a fresh board in a
 # temporary directory.
-set -u
-vexactl=$1
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-board="$dir/board"
-failures=0
-
-check() { # description, expected, actual
-    if [ "$2" != "$3" ]; then
-        echo "FAIL: $1"
-        echo "  expected: $2"
-        echo "  actual:   $3"
-        failures=$((failures + 1))
-    fi
-}
-
-run() { "$vexactl" --board "$board" "$@"; }
+. "$(dirname "$0")/../cli/lib.sh"
 
 check "mcu version" "V1.0.2.0" "$(run mcu version 2>/dev/null)"
 check "mcu version --json" '"version":"V1.0.2.0"' \
@@ -70,4 +54,4 @@ for command in serial mcu board; do
     check "$command --help exits 0" 0 $?
 done
 
-exit $((failures > 0))
+finish

@@ -11,27 +11,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class GpioTest : public BoardTest {
-protected:
-    void SetUp() override
-    {
-        BoardTest::SetUp();
-        load();
-    }
-
-    void load()
-    {
-        bi_init_product_config();
-        board().clear_log();
-    }
-
-    // A fresh board whose INI sets key to value (nullopt: removes it).
-    void configure(const std::string &key, std::optional<std::string> value)
-    {
-        rebuild(sim::Board::Builder().ini(ini_with(key, std::move(value))));
-        load();
-    }
-};
+using GpioTest = ProductTest;
 
 TEST_F(GpioTest, SysLedDrivesItsLineAndPrintsIt)
 {

@@ -11,23 +11,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class BlockTest : public BoardTest {
+class BlockTest : public ProductTest {
 protected:
-    void SetUp() override
-    {
-        BoardTest::SetUp();
-        load();
-    }
-    void load()
-    {
-        bi_init_product_config();
-        board().clear_log();
-    }
-    void configure(const std::string &key, const std::string &value)
-    {
-        rebuild(sim::Board::Builder().ini(ini_with(key, value)));
-        load();
-    }
     std::vector<std::string> block_log() { return log_of("vexa_system_bi_block"); }
 };
 

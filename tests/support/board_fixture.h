@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "sim/board.h"
+#include "support/ini_text.h"
+#include "vexasdk/product_config.h"
 
 namespace vexa::test {
 
@@ -48,6 +50,30 @@ protected:
 
 private:
     std::optional<sim::Board> board_;
+};
+
+// A fresh default board with the product record loaded and the log empty.
+class ProductTest : public BoardTest {
+protected:
+    void SetUp() override
+    {
+        BoardTest::SetUp();
+        load();
+    }
+
+    void load()
+    {
+        bi_init_product_config();
+        board().clear_log();
+    }
+
+    // A fresh board whose INI sets key to value (nullopt removes the key),
+    // with the record loaded.
+    void configure(const std::string &key, std::optional<std::string> value)
+    {
+        rebuild(sim::Board::Builder().ini(ini_with(key, std::move(value))));
+        load();
+    }
 };
 
 } // namespace vexa::test
