@@ -62,6 +62,15 @@ std::string read_host_file(const std::string &path)
 
 bool is_board(const std::string &root) { return fs::exists(root + "/.board"); }
 
+// A new board is laid out only in a missing or empty directory, never over
+// someone's files.
+void check_new_root(const std::string &root)
+{
+    std::error_code ec;
+    if (fs::exists(root, ec) && !fs::is_empty(root, ec))
+        throw std::runtime_error(root + " is not a virtual board (it has no .board) and is not empty");
+}
+
 } // namespace
 
 void register_seeder(const char *name, std::function<void(Board &)> seed)
@@ -338,6 +347,8 @@ Board Board::Builder::build()
         temporary = true;
     }
     const bool fresh = !is_board(root);
+    if (fresh && !temporary)
+        check_new_root(root);
     Board board(make_state(root, temporary, spec_->fast));
     if (fresh && !spec_->bare) {
         for (auto &hook : seeders())
@@ -399,6 +410,8 @@ void Board::detach()
 Board Board::open(const std::string &dir, bool fast_clock)
 {
     const bool fresh = !is_board(dir);
+    if (fresh)
+        check_new_root(dir);
     Board board(make_state(dir, false, fast_clock));
     if (fresh) {
         for (auto &hook : seeders())

@@ -110,8 +110,9 @@ public:
     class Builder {
     public:
         Builder();
-        // Where the board lives; default: a new temporary directory that the
-        // Board removes when it is destroyed.
+        // Where the board lives (an existing board, or a missing or empty
+        // directory); default: a new temporary directory that the Board
+        // removes when it is destroyed.
         Builder &root(std::string dir);
         // Text of "/vendor/etc/product.ini" (default: the default board's).
         Builder &ini(std::string text);
@@ -133,8 +134,9 @@ public:
         std::shared_ptr<Files> spec_;
     };
 
-    // Attaches the board in dir, laying out a default board there when the
-    // directory holds none. fast_clock as in the builder (default: off).
+    // Attaches the board in dir, laying out a default board there when dir is
+    // missing or empty (a directory with other files and no board throws
+    // std::runtime_error). fast_clock as in the builder (default: off).
     static Board open(const std::string &dir, bool fast_clock = false);
     // Where the default board lives: $VEXA_BOARD, else
     // $XDG_STATE_HOME/vexasdk/board, else ~/.local/state/vexasdk/board.

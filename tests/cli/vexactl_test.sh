@@ -37,6 +37,13 @@ check "the library's error line is in the log" \
     "E/vexa_system_bi_led: bi_sysled_set_state:bi_product is NULL or invaild led_sys.gpio_id is -1, need to check ini file." \
     "$(run log | grep '^E/')"
 
+# A folder of other files is never taken for a board.
+mkdir "$dir/other" && touch "$dir/other/file"
+"$vexactl" --board "$dir/other" status >/dev/null 2>"$dir/err"
+check "a non-empty folder is refused" "1 vexactl: $dir/other is not a virtual board (it has no .board) and is not empty" \
+    "$? $(cat "$dir/err")"
+check "and left as it was" "file" "$(ls "$dir/other")"
+
 # Help everywhere; usage errors are non-zero.
 for cmd in "" status led relay gpio config log; do
     run $cmd --help >/dev/null 2>&1
