@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "platform/os.h"
+#include "platform/unique.h"
 #include "vexasdk/display.h"
 
 namespace vexa::display {
@@ -45,23 +46,7 @@ const ResolutionBorder *find_border(int32_t product_id);
 // The preset records (60 Hz; their CRC word holds 8, or 16 for preset 1).
 extern const ResolutionRecord kPresets[15];
 
-// A descriptor of the OS layer, closed when it goes out of scope.
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd()
-    {
-        if (fd_ >= 0)
-            vexa::os::close(fd_);
-    }
-    UniqueFd(const UniqueFd &) = delete;
-    UniqueFd &operator=(const UniqueFd &) = delete;
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
+using vexa::UniqueFd;
 
 // Stores a sealed record; logs and returns false when it was refused.
 bool save_record(const ResolutionRecord &record);

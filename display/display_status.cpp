@@ -96,25 +96,33 @@ int32_t write_property(const char *func, const char *key, const char *value)
     VEXA_LOGI(kTag, "%s update key %s to %s", func, key, value);
     return property_set(key, value);
 }
+// The screen-mode file, opened read-write, or an empty descriptor after the
+// failure's log line.
+UniqueFd open_screen_mode(const char *func, const char **path)
+{
+    *path = screen_mode_path(func);
+    if (*path == nullptr)
+        return UniqueFd(-1);
+    VEXA_LOGD(kTag, "%s:device:%s\n", func, *path);
+    if (!exists(*path)) {
+        VEXA_LOGE(kTag, "File does not exist.\n");
+        return UniqueFd(-1);
+    }
+    UniqueFd fd(vexa::os::open(*path, O_RDWR));
+    if (!fd)
+        VEXA_LOGE(kTag, "%s:open file failed\n", func);
+    return fd;
+}
 } // namespace
 
 extern "C" {
 
 VEXA_API int32_t bi_resolution_screen_mode_set_state(int32_t value)
 {
-    const char *path = screen_mode_path(__func__);
-    if (path == nullptr)
+    const char *path = nullptr;
+    UniqueFd fd = open_screen_mode(__func__, &path);
+    if (!fd)
         return -1;
-    VEXA_LOGD(kTag, "%s:device:%s\n", __func__, path);
-    if (!exists(path)) {
-        VEXA_LOGE(kTag, "File does not exist.\n");
-        return -1;
-    }
-    UniqueFd fd(vexa::os::open(path, O_RDWR));
-    if (!fd) {
-        VEXA_LOGE(kTag, "%s:open file failed\n", __func__);
-        return -1;
-    }
     char text[20] = {};
     snprintf(text, sizeof(text), "%d", int(value));
     VEXA_LOGD(kTag, "str:%s, len:%d, sizeof:%d\n", text, int(strlen(text)), int(sizeof(text)));
@@ -129,19 +137,10 @@ VEXA_API int32_t bi_resolution_screen_mode_set_state(int32_t value)
 
 VEXA_API int32_t bi_resolution_screen_mode_get_state(void)
 {
-    const char *path = screen_mode_path(__func__);
-    if (path == nullptr)
+    const char *path = nullptr;
+    UniqueFd fd = open_screen_mode(__func__, &path);
+    if (!fd)
         return -1;
-    VEXA_LOGD(kTag, "%s:device:%s\n", __func__, path);
-    if (!exists(path)) {
-        VEXA_LOGE(kTag, "File does not exist.\n");
-        return -1;
-    }
-    UniqueFd fd(vexa::os::open(path, O_RDWR));
-    if (!fd) {
-        VEXA_LOGE(kTag, "%s:open file failed\n", __func__);
-        return -1;
-    }
     char text[21] = {};
     const ssize_t got = vexa::os::read(fd.get(), text, 20);
     if (got < 0) {

@@ -152,6 +152,33 @@ const ResolutionRecord *find_preset(uint32_t width, uint32_t height, const uint3
     return nullptr;
 }
 
+// The size checks both entry points make before computing: the border row's
+// range, then (unless saving) its area limit. 0, or the refusal's status.
+int32_t check_size(const ResolutionBorder &b, uint32_t width, uint32_t height, int32_t save,
+                   st_bi_sffe_resolution *result)
+{
+    if (!in_range(b, width, height))
+        return -2;
+    if (save != 1 && uint64_t(width) * height > b.max_area) {
+        VEXA_LOGE(kTag, "Resolution bandwidth over load!\n");
+        result->height = limited_height(b, width);
+        result->status = -1;
+        return -1;
+    }
+    return 0;
+}
+
+// The preset for an even size (at fps when given), announced as chosen.
+const ResolutionRecord *chosen_preset(uint32_t w, uint32_t h, const uint32_t *fps)
+{
+    const ResolutionRecord *p = find_preset(w, h, fps);
+    if (p != nullptr) {
+        VEXA_LOGE(kTag, "Select preset resolution\n");
+        property_set("vendor.display.resolution.state", "true");
+    }
+    return p;
+}
+
 // Steps common to both entry points once the timing is known: seal it,
 // report it, judge it against the limits and save it when asked.
 int32_t finish(ResolutionRecord &record, const ResolutionBorder &b, uint32_t even_height,
@@ -215,22 +242,14 @@ VEXA_API int32_t bi_resolution_calculate_parameters(uint32_t width, uint32_t hei
     const ResolutionBorder *row = find_border(product);
     const ResolutionBorder &b = row ? *row : kDefaultBorder;
     log_border(ANDROID_LOG_ERROR, b);
-    if (!in_range(b, width, height))
-        return -2;
-    if (save != 1 && uint64_t(width) * height > b.max_area) {
-        VEXA_LOGE(kTag, "Resolution bandwidth over load!\n");
-        result->height = limited_height(b, width);
-        result->status = -1;
-        return -1;
-    }
+    if (const int32_t refused = check_size(b, width, height, save, result))
+        return refused;
 
     const uint32_t w = width + (width & 1u);
     const uint32_t h = height + (height & 1u);
     ResolutionRecord record{};
-    if (const ResolutionRecord *p = find_preset(w, h, nullptr)) {
-        VEXA_LOGE(kTag, "Select preset resolution\n");
+    if (const ResolutionRecord *p = chosen_preset(w, h, nullptr)) {
         record = *p;
-        property_set("vendor.display.resolution.state", "true");
     } else {
         if (b.primary)
             b.primary(w, h, &record.timing);
@@ -266,22 +285,14 @@ VEXA_API int32_t bi_resolution_calculate_parameters_fps(uint32_t width, uint32_t
     VEXA_LOGD(kTag, "sizeof(boundary): %d, sizeof(border): %d\n", 936, 36);
     const ResolutionBorder &b = *row;
     log_border(ANDROID_LOG_INFO, b);
-    if (!in_range(b, width, height))
-        return -2;
-    if (save != 1 && uint64_t(width) * height > b.max_area) {
-        VEXA_LOGE(kTag, "Resolution bandwidth over load!\n");
-        result->height = limited_height(b, width);
-        result->status = -1;
-        return -1;
-    }
+    if (const int32_t refused = check_size(b, width, height, save, result))
+        return refused;
 
     const uint32_t w = width + (width & 1u);
     const uint32_t h = height + (height & 1u);
     ResolutionRecord record{};
-    if (const ResolutionRecord *p = find_preset(w, h, &fps)) {
-        VEXA_LOGE(kTag, "Select preset resolution\n");
+    if (const ResolutionRecord *p = chosen_preset(w, h, &fps)) {
         record = *p;
-        property_set("vendor.display.resolution.state", "true");
     } else {
         VEXA_LOGD(kTag, "custom resolution width:%d height:%d fps:%d\n", int(w), int(h),
                   int(fps));

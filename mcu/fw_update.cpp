@@ -8,6 +8,7 @@
 #include "platform/android.h"
 #include "platform/log.h"
 #include "platform/os.h"
+#include "platform/unique.h"
 #include "vexasdk/mcu.h"
 #include "vexasdk/selftest.h"
 
@@ -29,9 +30,7 @@ constexpr uint8_t kVersionRequest[35] = {
     0x00, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x01, 0x00, 0x78, 0x01,
 };
 
-struct FileCloser {
-    void operator()(FILE *f) const { std::fclose(f); }
-};
+using vexa::UniqueFile;
 
 // A text of the update configuration; "" while it is not loaded.
 template <size_t N> const char *configured(char (config_info_t::*field)[N])
@@ -197,7 +196,7 @@ VEXA_API int32_t mcuFwUpdate(int32_t *fd)
 
 VEXA_API int64_t getFileSize(const char *path)
 {
-    std::unique_ptr<FILE, FileCloser> f(path ? vexa::os::fopen(path, "rb") : nullptr);
+    UniqueFile f(path ? vexa::os::fopen(path, "rb") : nullptr);
     if (!f) {
         VEXA_LOGD(kTag, "%s: Error opening file\n", __func__);
         return -1;

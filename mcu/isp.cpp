@@ -14,6 +14,7 @@
 #include "mcu/serial_wait.h"
 #include "platform/log.h"
 #include "platform/os.h"
+#include "platform/unique.h"
 #include "vexasdk/mcu.h"
 
 namespace {
@@ -25,10 +26,7 @@ int g_mcu_type = MCU_UNKNOWN;
 mcu_isp_progress_fn g_progress = nullptr;
 void *g_progress_user = nullptr;
 
-struct FileCloser {
-    void operator()(FILE *f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+using vexa::UniqueFile;
 
 bool have_descriptor()
 {

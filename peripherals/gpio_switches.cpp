@@ -15,6 +15,7 @@
 #include "platform/hal.h"
 #include "platform/log.h"
 #include "platform/os.h"
+#include "platform/unique.h"
 #include "vexasdk/peripherals.h"
 #include "vexasdk/product_config.h"
 
@@ -421,15 +422,14 @@ VEXA_API int bi_set_qrxx_volume_status(int status)
         VEXA_LOGE(kMisc, "Invalid status value: %d (must be 0 or 1)\n", status);
         return -1;
     }
-    const int fd = vexa::os::open(kMute, O_RDWR);
-    if (fd < 0) {
+    const vexa::UniqueFd fd(vexa::os::open(kMute, O_RDWR));
+    if (!fd) {
         VEXA_LOGE(kMisc, "<%s>, open %s \n", __func__, kMute);
         return -1;
     }
     // Status 1 is sound on: the mute file takes the inverse.
     const char c = status == 1 ? '0' : '1';
-    const ssize_t ret = vexa::os::write(fd, &c, 1);
-    vexa::os::close(fd);
+    const ssize_t ret = vexa::os::write(fd.get(), &c, 1);
     if (ret < 0) {
         VEXA_LOGE(kMisc, "<%s>, write %s return %d\n", __func__, kMute, static_cast<int>(ret));
         return -1;

@@ -15,16 +15,14 @@
 #include "platform/log.h"
 #include "platform/os.h"
 #include "platform/shell.h"
+#include "platform/unique.h"
 #include "vexasdk/product_config.h"
 
 namespace {
 
 const char kTag[] = "vexa_system_bi_base";
 
-struct FileCloser {
-    void operator()(FILE *f) const { std::fclose(f); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+using vexa::UniqueFile;
 
 // Opens a flag file for update, creating it when it does not exist yet.
 FILE *open_for_update(const char *path)

@@ -19,6 +19,7 @@
 
 #include "platform/android.h"
 #include "platform/os.h"
+#include "platform/unique.h"
 
 namespace {
 
@@ -199,14 +200,16 @@ int Ubootenv::init()
         copy_field(mEnvPartitionName, sizeof mEnvPartitionName, chosen, std::strlen(chosen));
 
     if (chosen == kByNameUbootenv) {
-        const int fd = vexa::os::open(mEnvPartitionName, O_RDWR);
-        if (fd < 0) {
-            ENV_E("[ubootenv] open device(%s) error\n", mEnvPartitionName);
-            return -2;
-        }
         mtd_info_user info{};
-        const int rc = vexa::os::ioctl(fd, MEMGETINFO, &info);
-        vexa::os::close(fd);
+        int rc;
+        {
+            const vexa::UniqueFd fd(vexa::os::open(mEnvPartitionName, O_RDWR));
+            if (!fd) {
+                ENV_E("[ubootenv] open device(%s) error\n", mEnvPartitionName);
+                return -2;
+            }
+            rc = vexa::os::ioctl(fd.get(), MEMGETINFO, &info);
+        }
         // A size too small for the CRC or absurdly large is a broken answer.
         if (rc < 0 || info.size < 8 || info.size > kMaxImageSize) {
             ENV_E("[ubootenv] get MTD info error\n");
@@ -249,8 +252,9 @@ int Ubootenv::init()
 
 int Ubootenv::readPartitionData()
 {
-    const int fd = vexa::os::open(mEnvPartitionName, O_RDONLY);
-    if (fd < 0) {
+    const vexa::UniqueFd owner(vexa::os::open(mEnvPartitionName, O_RDONLY));
+    const int fd = owner.get();
+    if (!owner) {
         ENV_E("[ubootenv] open devices error: %s\n", std::strerror(errno));
         return -1;
     }
@@ -260,7 +264,6 @@ int Ubootenv::readPartitionData()
         mEnvCrc = nullptr;
         mEnvBuf = nullptr;
         ENV_E("[ubootenv] Not enough memory for environment (%u bytes)\n", mEnvPartitionSize);
-        vexa::os::close(fd);
         return -2;
     }
     mEnvCrc = reinterpret_cast<uint32_t *>(mEnvData);
@@ -272,7 +275,6 @@ int Ubootenv::readPartitionData()
         const uint32_t calc = data_crc(mEnvBuf, mEnvSize);
         if (saved == calc) {
             parseAttribute();
-            vexa::os::close(fd);
             return 0;
         }
         ENV_E2("[ubootenv] CRC Check SYS_LOGE save_crc=%08x, crcCalc = %08x \n",
@@ -294,13 +296,11 @@ int Ubootenv::readPartitionData()
         if (saved != calc) {
             ENV_E2("[ubootenv] CRC2 Check SYS_LOGE save_crc=%08x, crcCalc = %08x \n",
                    "[ubootenv] CRC2 Check printf save_crc=%08x, crcCalc = %08x \n", saved, calc);
-            vexa::os::close(fd);
             return -3;
         }
     }
     // Anything else, a short second copy included, is taken as it stands.
     parseAttribute();
-    vexa::os::close(fd);
     return 0;
 }
 
@@ -493,8 +493,9 @@ int Ubootenv::save()
     const uint32_t crc = data_crc(mEnvBuf, mEnvSize);
     std::memcpy(mEnvData, &crc, sizeof crc);
 
-    const int fd = vexa::os::open(mEnvPartitionName, O_RDWR);
-    if (fd < 0) {
+    const vexa::UniqueFd owner(vexa::os::open(mEnvPartitionName, O_RDWR));
+    const int fd = owner.get();
+    if (!owner) {
         ENV_E("[ubootenv] open devices error\n");
         return -1;
     }
@@ -511,7 +512,6 @@ int Ubootenv::save()
         mtd_info_user info{};
         if (vexa::os::ioctl(fd, MEMGETINFO, &info) < 0) {
             ENV_E("[ubootenv] Get MTD info error\n");
-            vexa::os::close(fd);
             return -4;
         }
         // A device with room beyond the two copies is rewritten whole, so
@@ -522,12 +522,10 @@ int Ubootenv::save()
             whole.reset(new (std::nothrow) uint8_t[info.size]);
             if (!whole) {
                 ENV_E("[ubootenv] Out of memory!!!\n");
-                vexa::os::close(fd);
                 return -5;
             }
             if (read_fully(fd, whole.get(), info.size) != static_cast<ssize_t>(info.size)) {
                 ENV_E("[ubootenv] Read access failed !!!\n");
-                vexa::os::close(fd);
                 return -6;
             }
             std::memcpy(whole.get(), mEnvData, image);
@@ -540,7 +538,6 @@ int Ubootenv::save()
         const int erased = vexa::os::ioctl(fd, MEMERASE, &erase);
         if (erased < 0) {
             ENV_E2("[ubootenv] MEMERASE SYS_LOGE %d\n", "[ubootenv] MEMERASE printf %d\n", erased);
-            vexa::os::close(fd);
             return -2;
         }
         if (info.size <= image) {
@@ -553,7 +550,6 @@ int Ubootenv::save()
         } else if (whole) {
             if (vexa::os::lseek(fd, 0, SEEK_SET) != 0) {
                 ENV_E2("%s() %d: err is %d\n", "%s() %d: err is %d\n", __func__, __LINE__, errno);
-                vexa::os::close(fd);
                 return -7;
             }
             written = vexa::os::write(fd, whole.get(), info.size);
@@ -561,7 +557,6 @@ int Ubootenv::save()
             ENV_E("data is NULL\n");
         }
     }
-    vexa::os::close(fd);
     if (written < 0) {
         ENV_E2("[ubootenv] SYS_LOGE write, size %d \n", "[ubootenv] printf write, size %d \n",
                static_cast<int>(image));

@@ -10,6 +10,7 @@
 #include "platform/android.h"
 #include "platform/log.h"
 #include "platform/os.h"
+#include "platform/unique.h"
 #include "vexasdk/storage.h"
 
 namespace {
@@ -31,22 +32,22 @@ VEXA_API int32_t bi_restore_factory_setting(uint32_t mode)
         VEXA_LOGE(kTag, "%s, back up screen, is nonsupport!\n", __func__);
     if (vexa::os::access(kRecoveryDir, F_OK) != 0)
         vexa::os::mkdir(kRecoveryDir, 0777);
-    const int fd = vexa::os::open(kRecoveryCommand, O_RDWR | O_CREAT | O_TRUNC, 0777);
-    if (fd < 0) {
-        VEXA_LOGE(kTag, "%s, open /cache/recovery/command error\n", __func__);
-        return -1;
-    }
-    // Recovery reads one option per line.
-    static const char *const lines[] = {"--wipe_cache\n", "--wipe_data\n", "--reason=WipeAllFlash\n"};
-    for (const char *line : lines) {
-        const size_t len = std::strlen(line);
-        if (vexa::os::write(fd, line, len) != static_cast<ssize_t>(len)) {
-            VEXA_LOGE(kTag, "%s, write error\n", __func__);
-            vexa::os::close(fd);
-            return -2;
+    {
+        const vexa::UniqueFd fd(vexa::os::open(kRecoveryCommand, O_RDWR | O_CREAT | O_TRUNC, 0777));
+        if (!fd) {
+            VEXA_LOGE(kTag, "%s, open /cache/recovery/command error\n", __func__);
+            return -1;
         }
-    }
-    vexa::os::close(fd);
+        // Recovery reads one option per line.
+        static const char *const lines[] = {"--wipe_cache\n", "--wipe_data\n", "--reason=WipeAllFlash\n"};
+        for (const char *line : lines) {
+            const size_t len = std::strlen(line);
+            if (vexa::os::write(fd.get(), line, len) != static_cast<ssize_t>(len)) {
+                VEXA_LOGE(kTag, "%s, write error\n", __func__);
+                return -2;
+            }
+        }
+    } // the command file is closed before the reboot
     VEXA_LOGE(kTag, "%s, RestoreFactory\n", __func__);
     vexa::os::sync();
     VEXA_LOGI(kTag, "%s do reboot recovery\n", __func__);
