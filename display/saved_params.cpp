@@ -14,6 +14,7 @@
 #include "display/display_internal.h"
 #include "platform/log.h"
 #include "platform/os.h"
+#include "platform/vendor_storage.h"
 #include "vexasdk/product_config.h"
 
 namespace {
@@ -21,17 +22,25 @@ using vexa::display::crc32_of;
 using vexa::display::UniqueFd;
 using vexa::display::kResolutionTag;
 
-// The kernel's vendor-storage request.
-constexpr uint32_t kVendorTag = 0x56524551; // "QERV"
-constexpr unsigned long kVendorWrite = 0x40047602;
-constexpr unsigned long kVendorRead = 0x40047601;
-constexpr size_t kVendorDataMax = 64;
-struct VendorRequest {
-    uint32_t tag;
-    uint16_t id;
-    uint16_t len;
-    uint8_t data[kVendorDataMax];
-};
+namespace vendor = vexa::vendor_storage;
+
+// Sends one request for item to the vendor-storage node; false after
+// printing `failure` (with the item) or the node's open failure.
+bool ask_vendor_node(unsigned long request, uint16_t item, vendor::Request *req, const char *failure)
+{
+    UniqueFd fd(vexa::os::open(vendor::kNode, O_RDWR));
+    if (!fd) {
+        printf("vendor_storage open fail .\n");
+        return false;
+    }
+    req->tag = vendor::kTag;
+    req->id = item;
+    if (vexa::os::ioctl(fd.get(), request, req) < 0) {
+        printf(failure, item);
+        return false;
+    }
+    return true;
+}
 
 const char *const kBaseparameterPaths[] = {
     "/dev/block/platform/1021c000.dwmmc/by-name/baseparameter",
@@ -123,46 +132,28 @@ VEXA_API int32_t getProductModel_timming(void)
 
 VEXA_API int32_t vexaSetVendorStorage(uint16_t item, const void *data, uint16_t length)
 {
-    if (data == nullptr || length > kVendorDataMax) {
-        printf("error in saving data to vendor ID:%d.\n", item);
+    static const char kFailure[] = "error in saving data to vendor ID:%d.\n";
+    if (data == nullptr || length > vendor::kDataMax) {
+        printf(kFailure, item);
         return -1;
     }
-    UniqueFd fd(vexa::os::open("/dev/vendor_storage", O_RDWR));
-    if (!fd) {
-        printf("vendor_storage open fail .\n");
-        return -1;
-    }
-    VendorRequest req{};
-    req.tag = kVendorTag;
-    req.id = item;
+    vendor::Request req{};
     req.len = length;
     memcpy(req.data, data, length);
-    if (vexa::os::ioctl(fd.get(), kVendorWrite, &req) < 0) {
-        printf("error in saving data to vendor ID:%d.\n", item);
-        return -1;
-    }
-    return 0;
+    return ask_vendor_node(vendor::kWrite, item, &req, kFailure) ? 0 : -1;
 }
 
 VEXA_API int32_t vexaGetVendorStorage(uint16_t item, uint16_t length, void *out)
 {
-    if (out == nullptr || length > kVendorDataMax) {
-        printf("error get vendor ID:%d data .\n", item);
+    static const char kFailure[] = "error get vendor ID:%d data .\n";
+    if (out == nullptr || length > vendor::kDataMax) {
+        printf(kFailure, item);
         return -1;
     }
-    UniqueFd fd(vexa::os::open("/dev/vendor_storage", O_RDWR));
-    if (!fd) {
-        printf("vendor_storage open fail .\n");
-        return -1;
-    }
-    VendorRequest req{};
-    req.tag = kVendorTag;
-    req.id = item;
+    vendor::Request req{};
     req.len = length;
-    if (vexa::os::ioctl(fd.get(), kVendorRead, &req) < 0) {
-        printf("error get vendor ID:%d data .\n", item);
+    if (!ask_vendor_node(vendor::kRead, item, &req, kFailure))
         return -1;
-    }
     // The node reports the item's own length; never copy past the caller's.
     memcpy(out, req.data, req.len < length ? req.len : length);
     return 0;

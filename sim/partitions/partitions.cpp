@@ -26,7 +26,6 @@ const char kScreen[] = "/dev/block/by-name/screen";
 const char kFpgaProgram[] = "/dev/block/by-name/fpga_program";
 const char kBaseparameter[] = "/dev/block/by-name/baseparameter";
 const char kResolutionJson[] = "/vendor/etc/vexa_product_resolution.json";
-const char kVendorStorageNode[] = "/dev/vendor_storage";
 
 namespace {
 void put32(std::string &s, size_t at, uint32_t v)

@@ -14,7 +14,6 @@ extern const char kScreen[];        // "/dev/block/by-name/screen"
 extern const char kFpgaProgram[];   // "/dev/block/by-name/fpga_program"
 extern const char kBaseparameter[]; // "/dev/block/by-name/baseparameter"
 extern const char kResolutionJson[];
-extern const char kVendorStorageNode[]; // "/dev/vendor_storage"
 
 constexpr size_t kDisplayBlockSize = 36936;
 constexpr uint32_t kConnectorHdmiA = 11;

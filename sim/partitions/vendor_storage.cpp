@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include "platform/hal.h"
+#include "platform/vendor_storage.h"
 #include "sim/board.h"
 #include "sim/partitions/partitions.h"
 #include "sim/state.h"
@@ -26,16 +27,7 @@ constexpr size_t kItemMax = 4096;
 constexpr int kItemIdMax = 0xffff;
 
 // The node's request, as the kernel driver defines it.
-constexpr uint32_t kRequestTag = 0x56524551; // "QERV"
-constexpr unsigned long kRequestRead = 0x40047601;
-constexpr unsigned long kRequestWrite = 0x40047602;
-constexpr size_t kRequestDataMax = 64;
-struct Request {
-    uint32_t tag;
-    uint16_t id;
-    uint16_t len;
-    uint8_t data[kRequestDataMax];
-};
+namespace node = vexa::vendor_storage;
 
 std::mutex store_mu;
 
@@ -79,19 +71,19 @@ public:
 
     int ioctl(int, unsigned long request, void *arg) override
     {
-        auto *req = static_cast<Request *>(arg);
-        if (req == nullptr || req->tag != kRequestTag)
+        auto *req = static_cast<node::Request *>(arg);
+        if (req == nullptr || req->tag != node::kTag)
             return int(fail(EINVAL));
-        if (request == kRequestWrite) {
-            if (req->len > kRequestDataMax)
+        if (request == node::kWrite) {
+            if (req->len > node::kDataMax)
                 return int(fail(EINVAL));
             return store_item(root_, req->id, req->data, req->len) ? 0 : int(fail(EIO));
         }
-        if (request == kRequestRead) {
+        if (request == node::kRead) {
             std::string bytes;
             if (!load_item(root_, req->id, &bytes))
                 return int(fail(ENOENT));
-            const size_t n = std::min<size_t>({bytes.size(), req->len, kRequestDataMax});
+            const size_t n = std::min<size_t>({bytes.size(), req->len, node::kDataMax});
             memcpy(req->data, bytes.data(), n);
             req->len = uint16_t(n);
             return 0;
@@ -112,7 +104,7 @@ private:
 
 VEXA_SIM_ATTACHER(vendor_storage)
 {
-    board.add_model(kVendorStorageNode, std::make_shared<VendorStorageNode>(board.root()));
+    board.add_model(node::kNode, std::make_shared<VendorStorageNode>(board.root()));
 }
 
 } // namespace vexa::sim::partitions
