@@ -12,14 +12,6 @@
 
 namespace {
 
-#define FAULT_OR(call, path)                                                                       \
-    do {                                                                                           \
-        auto state = vexa::sim::attached();                                                        \
-        long fault_result;                                                                         \
-        if (state && vexa::sim::fault_fires(*state, call, path, &fault_result))                    \
-            return static_cast<int>(fault_result);                                                 \
-    } while (0)
-
 speed_t speed_of(int baudrate)
 {
     switch (baudrate) {
@@ -45,7 +37,8 @@ speed_t speed_of(int baudrate)
 extern "C" int hal_serial_open(const char *path, int baudrate, unsigned int databits,
                                unsigned int stopbits, char parity)
 {
-    FAULT_OR("hal_serial_open", path ? path : "");
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_serial_open", path ? path : "", int);
     if (!path) {
         errno = EINVAL;
         return -1;
@@ -76,7 +69,8 @@ extern "C" int hal_serial_open(const char *path, int baudrate, unsigned int data
 
 extern "C" int hal_serial_write(int fd, const void *buf, int len)
 {
-    FAULT_OR("hal_serial_write", "");
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_serial_write", "", int);
     if (!buf || len < 0) {
         errno = EINVAL;
         return -1;
@@ -86,7 +80,8 @@ extern "C" int hal_serial_write(int fd, const void *buf, int len)
 
 extern "C" int hal_serial_blocking_read(int fd, void *buf, int len, int timeout)
 {
-    FAULT_OR("hal_serial_blocking_read", "");
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_serial_blocking_read", "", int);
     if (!buf || len < 0) {
         errno = EINVAL;
         return -1;
@@ -100,7 +95,8 @@ extern "C" int hal_serial_blocking_read(int fd, void *buf, int len, int timeout)
 
 extern "C" int hal_serial_nonblocking_read(int fd, void *buf, int len)
 {
-    FAULT_OR("hal_serial_nonblocking_read", "");
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_serial_nonblocking_read", "", int);
     if (!buf || len < 0) {
         errno = EINVAL;
         return -1;
@@ -114,6 +110,7 @@ extern "C" int hal_serial_nonblocking_read(int fd, void *buf, int len)
 
 extern "C" int hal_serial_close(int fd)
 {
-    FAULT_OR("hal_serial_close", "");
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_serial_close", "", int);
     return vexa::os::close(fd);
 }
