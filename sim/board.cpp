@@ -674,6 +674,34 @@ void Board::add_model(const std::string &board_path, std::shared_ptr<DeviceModel
     state_->models[board_path] = std::move(model);
 }
 
+void Board::serve(const std::string &name, Service service) const
+{
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->services[name] = std::move(service);
+}
+
+std::optional<std::string> Board::call(const std::string &name, const std::string &request) const
+{
+    return call_service(*state_, name, request);
+}
+
+std::optional<std::string> call_service(Board::State &s, const std::string &name,
+                                        const std::string &request)
+{
+    Service service;
+    {
+        std::lock_guard<std::mutex> lock(s.mu);
+        auto it = s.services.find(name);
+        if (it != s.services.end())
+            service = it->second;
+    }
+    if (!service) {
+        errno = ENODEV;
+        return std::nullopt;
+    }
+    return service(request);
+}
+
 bool Board::fast_clock() const { return state_->fast; }
 void Board::set_fast_clock(bool on) const { state_->fast = on; }
 

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -93,6 +94,12 @@ using CommandHandler =
 // (the mount then fails and is not recorded).
 using MountHandler =
     std::function<int(const std::string &source, const std::string &target, bool attaching)>;
+
+// A request/reply endpoint of a device model: the model's attacher serves it
+// where the model lives, and the board's platform calls (the HAL of an area,
+// vexactl, a test) reach the model through Board::call from any process that
+// attaches the board. Requests and replies are the model's own byte strings.
+using Service = std::function<std::string(const std::string &request)>;
 
 class Board;
 
@@ -203,6 +210,12 @@ public:
 
     // Device models, by board path (this process only).
     void add_model(const std::string &board_path, std::shared_ptr<DeviceModel> model) const;
+
+    // Services of the board's models (see Service). serve() is for
+    // attachers; call() returns the reply, or nothing with errno ENODEV when
+    // no model serves `name`.
+    void serve(const std::string &name, Service service) const;
+    std::optional<std::string> call(const std::string &name, const std::string &request) const;
 
     // The clock. With a fast clock sleeps return at once and advance it.
     bool fast_clock() const;

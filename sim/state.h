@@ -38,6 +38,7 @@ struct Board::State {
     std::map<int, OpenFile> open_files;
     std::map<std::string, CommandHandler> commands;
     std::map<std::string, MountHandler> mount_handlers; // by source device
+    std::map<std::string, Service> services;
     std::map<FILE *, int> popen_status;
     mutable std::mutex watch_mu; // guards line_watchers
     std::vector<Board::LineWatcher> line_watchers;
@@ -105,6 +106,10 @@ std::string unescape_line(const std::string &text);
 // GPIO lines of the board's state file.
 int line_level(const Board::State &s, int id);
 void drive_line(const Board::State &s, int id, int level, const char *direction);
+
+// Calls a model's service (Board::call) on behalf of a platform call.
+std::optional<std::string> call_service(Board::State &s, const std::string &name,
+                                        const std::string &request);
 
 void record_command(Board::State &s, const std::string &command);
 CommandResult run_command(Board::State &s, const std::string &command);

@@ -54,6 +54,15 @@ TEST_F(SimTest, StateIsSharedWithAnotherAttachOfTheSameRoot)
     std::filesystem::remove_all(root);
 }
 
+TEST_F(SimTest, ServicesAnswerCallsByName)
+{
+    board().serve("echo-model", [](const std::string &request) { return "re:" + request; });
+    EXPECT_EQ(board().call("echo-model", std::string("a\0b", 3)), std::string("re:a\0b", 6));
+    errno = 0;
+    EXPECT_FALSE(board().call("no-such-model", "x").has_value());
+    EXPECT_EQ(errno, ENODEV);
+}
+
 TEST_F(SimTest, LogKeepsMultiLineTextAsOneRecord)
 {
     __android_log_print(ANDROID_LOG_DEBUG, "t", "a\tb\nc\\d\n");
