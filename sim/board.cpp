@@ -460,6 +460,7 @@ std::string Board::read_file(const std::string &board_path) const
 void Board::write_file(const std::string &board_path, const std::string &contents) const
 {
     write_host_file(host_path(board_path), contents);
+    file_written(*state_, board_path);
 }
 
 void Board::remove_file(const std::string &board_path) const
@@ -700,6 +701,28 @@ std::optional<std::string> call_service(Board::State &s, const std::string &name
         return std::nullopt;
     }
     return service(request);
+}
+
+void Board::watch_file(const std::string &board_path, FileWatcher watcher) const
+{
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->file_watchers.emplace(board_path, std::move(watcher));
+}
+
+void file_written(Board::State &s, const std::string &board_path)
+{
+    std::vector<FileWatcher> watchers;
+    {
+        std::lock_guard<std::mutex> lock(s.mu);
+        auto [first, last] = s.file_watchers.equal_range(board_path);
+        for (auto it = first; it != last; ++it)
+            watchers.push_back(it->second);
+    }
+    if (watchers.empty())
+        return;
+    const std::string contents = read_host_file(s.host_path(board_path));
+    for (auto &watch : watchers)
+        watch(board_path, contents);
 }
 
 bool Board::fast_clock() const { return state_->fast; }

@@ -101,6 +101,11 @@ using MountHandler =
 // attaches the board. Requests and replies are the model's own byte strings.
 using Service = std::function<std::string(const std::string &request)>;
 
+// Called after a board file has been written (by the library, a shell echo,
+// the board's API), with the file's board path and its new contents: device
+// models follow files that stand for lines and registers this way.
+using FileWatcher = std::function<void(const std::string &board_path, const std::string &contents)>;
+
 class Board;
 
 // Hooks that areas of the board register from their own files (see
@@ -216,6 +221,8 @@ public:
     // no model serves `name`.
     void serve(const std::string &name, Service service) const;
     std::optional<std::string> call(const std::string &name, const std::string &request) const;
+    // Follows a board file (see FileWatcher); for attachers.
+    void watch_file(const std::string &board_path, FileWatcher watcher) const;
 
     // The clock. With a fast clock sleeps return at once and advance it.
     bool fast_clock() const;

@@ -86,5 +86,9 @@ extern "C" int hal_sys_write(const char *path, const char *text, int len)
         return -1;
     }
     out.write(text, len);
-    return out ? len : -1;
+    out.close();
+    if (!out)
+        return -1;
+    vexa::sim::file_written(s, path);
+    return len;
 }

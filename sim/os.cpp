@@ -103,7 +103,7 @@ int open(const char *path, int flags, mode_t mode)
     const int fd = model ? model->open(host, flags, mode) : ::open(host.c_str(), flags | O_CLOEXEC, mode);
     if (fd >= 0) {
         std::lock_guard<std::mutex> lock(s.mu);
-        s.open_files[fd] = {board_path, model};
+        s.open_files[fd] = {board_path, model, (flags & O_ACCMODE) != O_RDONLY};
     }
     return fd;
 }
@@ -174,11 +174,13 @@ int close(int fd)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     Route r;
+    bool written = false;
     {
         std::lock_guard<std::mutex> lock(s.mu);
         auto it = s.open_files.find(fd);
         if (it != s.open_files.end()) {
             r = {it->second.board_path, it->second.model};
+            written = it->second.writable;
             s.open_files.erase(it);
         }
     }
@@ -187,7 +189,10 @@ int close(int fd)
         r.model->close(fd);
         return 0;
     }
-    return ::close(fd);
+    const int result = ::close(fd);
+    if (written)
+        sim::file_written(s, r.board_path);
+    return result;
 }
 
 int poll(struct pollfd *fds, nfds_t nfds, int timeout_ms)

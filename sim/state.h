@@ -30,6 +30,7 @@ struct Board::State {
     struct OpenFile {
         std::string board_path;
         std::shared_ptr<DeviceModel> model;
+        bool writable = false;
     };
 
     std::mutex mu; // guards everything below
@@ -39,6 +40,7 @@ struct Board::State {
     std::map<std::string, CommandHandler> commands;
     std::map<std::string, MountHandler> mount_handlers; // by source device
     std::map<std::string, Service> services;
+    std::multimap<std::string, FileWatcher> file_watchers; // by board path
     std::map<FILE *, int> popen_status;
     mutable std::mutex watch_mu; // guards line_watchers
     std::vector<Board::LineWatcher> line_watchers;
@@ -110,6 +112,9 @@ void drive_line(const Board::State &s, int id, int level, const char *direction)
 // Calls a model's service (Board::call) on behalf of a platform call.
 std::optional<std::string> call_service(Board::State &s, const std::string &name,
                                         const std::string &request);
+
+// Tells the watchers of a board file (Board::watch_file) that it was written.
+void file_written(Board::State &s, const std::string &board_path);
 
 void record_command(Board::State &s, const std::string &command);
 CommandResult run_command(Board::State &s, const std::string &command);

@@ -1,5 +1,5 @@
 // Attaches the serial lines of the product INI and the MCU behind the MCU's
-// line, and carries out the shell echo that drives the MCU's reset lines.
+// line, and has the MCU follow the files of its reset lines.
 #include <iniparser.h>
 
 #include <filesystem>
@@ -46,31 +46,6 @@ const char *const kSerialKeys[] = {
 bool usable(const char *path)
 {
     return path && path[0] == '/' && std::string(path).find("UNDEF") == std::string::npos;
-}
-
-// A shell echo: the words (quotes taken off) and, for "> PATH" or
-// ">> PATH", where they go.
-struct Echo {
-    std::string text;
-    std::string path; // empty: standard output
-    bool append = false;
-};
-
-Echo parse_echo(const std::vector<std::string> &argv)
-{
-    Echo echo;
-    for (size_t i = 1; i < argv.size(); ++i) {
-        if ((argv[i] == ">" || argv[i] == ">>") && i + 1 < argv.size()) {
-            echo.append = argv[i] == ">>";
-            echo.path = argv[i + 1];
-            break;
-        }
-        std::string word = argv[i];
-        if (word.size() >= 2 && (word.front() == '"' || word.front() == '\'') && word.back() == word.front())
-            word = word.substr(1, word.size() - 2);
-        echo.text += (echo.text.empty() ? "" : " ") + word;
-    }
-    return echo;
 }
 
 // Settings of the MCU model kept with the board, so that every process that
@@ -166,26 +141,22 @@ VEXA_SIM_ATTACHER(serial_lines)
         std::lock_guard<std::mutex> lock(g_mu);
         g_lines[board.root()] = lines;
     }
-    // The handler keeps the lines alive as long as the board holds it.
-    const std::string root = board.root();
-    board.on_command("echo", [lines, root](const std::vector<std::string> &argv,
-                                           const std::string &) -> CommandResult {
-        const Echo echo = parse_echo(argv);
-        if (echo.path.empty())
-            return {0, echo.text + "\n"};
-        if (echo.path.rfind("/", 0) != 0 || echo.path.find("..") != std::string::npos)
-            return {1 << 8, ""};
-        std::error_code ec;
-        std::filesystem::create_directories(std::filesystem::path(root + echo.path).parent_path(), ec);
-        std::ofstream(root + echo.path, echo.append ? std::ios::app : std::ios::trunc) << echo.text << "\n";
-        // The MCU's reset lines.
-        if (lines->mcu && (echo.text == "0" || echo.text == "1")) {
-            const int level = echo.text == "1";
-            if (echo.path == "/sys/class/vexagpios/MCU_BOOT0/value")
-                lines->mcu->set_boot0(level);
-            else if (echo.path == "/sys/class/vexagpios/MCU_NRST/value")
-                lines->mcu->set_nrst(level);
-        }
-        return {};
-    });
+    // The MCU's reset lines are files that any writer drives (the library's
+    // shell echo, a person's shell, another process); the watchers keep the
+    // lines alive as long as the board holds them.
+    if (lines->mcu) {
+        auto follow = [lines](bool boot0) {
+            return [lines, boot0](const std::string &, const std::string &contents) {
+                if (contents != "0\n" && contents != "1\n" && contents != "0" && contents != "1")
+                    return;
+                const int level = contents[0] == '1';
+                if (boot0)
+                    lines->mcu->set_boot0(level);
+                else
+                    lines->mcu->set_nrst(level);
+            };
+        };
+        board.watch_file("/sys/class/vexagpios/MCU_BOOT0/value", follow(true));
+        board.watch_file("/sys/class/vexagpios/MCU_NRST/value", follow(false));
+    }
 }

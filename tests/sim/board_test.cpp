@@ -63,6 +63,27 @@ TEST_F(SimTest, ServicesAnswerCallsByName)
     EXPECT_EQ(errno, ENODEV);
 }
 
+TEST_F(SimTest, FileWatchersSeeEveryWriterOfTheirFile)
+{
+    std::vector<std::string> seen;
+    board().watch_file("/sys/x/value", [&](const std::string &path, const std::string &contents) {
+        seen.push_back(path + "=" + contents);
+    });
+    EXPECT_EQ(os::system("echo 1 > /sys/x/value"), 0);
+    const int fd = os::open("/sys/x/value", O_WRONLY | O_TRUNC);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(os::write(fd, "0", 1), 1);
+    EXPECT_EQ(os::close(fd), 0);
+    EXPECT_EQ(hal_sys_write("/sys/x/value", "7", 1), 1);
+    board().write_file("/sys/x/value", "9");
+    // Reading the file or writing another one is nobody's business.
+    const int rd = os::open("/sys/x/value", O_RDONLY);
+    EXPECT_EQ(os::close(rd), 0);
+    board().write_file("/sys/x/other", "5");
+    EXPECT_THAT(seen, ElementsAre("/sys/x/value=1\n", "/sys/x/value=0", "/sys/x/value=7",
+                                  "/sys/x/value=9"));
+}
+
 TEST_F(SimTest, LogKeepsMultiLineTextAsOneRecord)
 {
     __android_log_print(ANDROID_LOG_DEBUG, "t", "a\tb\nc\\d\n");

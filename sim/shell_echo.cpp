@@ -1,0 +1,66 @@
+// The shell's echo on the board: "echo WORDS" prints them; "echo WORDS > PATH"
+// and ">> PATH" write them to a board file, whose watchers (models that
+// follow lines and registers kept as files) then see the new contents.
+#include <filesystem>
+#include <fstream>
+
+#include "sim/board.h"
+#include "sim/state.h"
+
+namespace vexa::sim {
+namespace {
+
+// The words (quotes taken off) and, for "> PATH" or ">> PATH", where they go.
+struct Echo {
+    std::string text;
+    std::string path; // empty: standard output
+    bool append = false;
+};
+
+Echo parse_echo(const std::vector<std::string> &argv)
+{
+    Echo echo;
+    for (size_t i = 1; i < argv.size(); ++i) {
+        if ((argv[i] == ">" || argv[i] == ">>") && i + 1 < argv.size()) {
+            echo.append = argv[i] == ">>";
+            echo.path = argv[i + 1];
+            break;
+        }
+        std::string word = argv[i];
+        if (word.size() >= 2 && (word.front() == '"' || word.front() == '\'') && word.back() == word.front())
+            word = word.substr(1, word.size() - 2);
+        echo.text += (echo.text.empty() ? "" : " ") + word;
+    }
+    return echo;
+}
+
+} // namespace
+} // namespace vexa::sim
+
+using namespace vexa::sim;
+
+VEXA_SIM_ATTACHER(shell_echo)
+{
+    auto state = attached();
+    std::weak_ptr<Board::State> weak = state;
+    board.on_command("echo", [weak](const std::vector<std::string> &argv,
+                                    const std::string &) -> CommandResult {
+        auto s = weak.lock();
+        const Echo echo = parse_echo(argv);
+        if (echo.path.empty())
+            return {0, echo.text + "\n"};
+        if (!s || echo.path.rfind("/", 0) != 0 || echo.path.find("..") != std::string::npos)
+            return {1 << 8, ""};
+        const std::string host = s->host_path(echo.path);
+        std::error_code ec;
+        std::filesystem::create_directories(std::filesystem::path(host).parent_path(), ec);
+        {
+            std::ofstream out(host, echo.append ? std::ios::app : std::ios::trunc);
+            out << echo.text << "\n";
+            if (!out)
+                return {1 << 8, ""};
+        }
+        file_written(*s, echo.path);
+        return {};
+    });
+}
