@@ -25,15 +25,9 @@ void on_signal(int)
 int run_board(Context &ctx, const Args &args)
 {
     const Command &command = command_named("board");
-    long seconds = -1;
-    if (args.empty() || args[0] != "serve")
+    if (args.size() != 1 || args[0] != "serve")
         return usage_error(command, "the action is serve");
-    if (args.size() == 3 && args[1] == "--seconds") {
-        if (!parse_int(args[2], &seconds) || seconds < 0)
-            return usage_error(command, "--seconds takes a number");
-    } else if (args.size() != 1) {
-        return usage_error(command, "serve takes only --seconds N");
-    }
+    const long long seconds = ctx.number("seconds").value_or(-1);
     vexa::sim::Board &board = ctx.board();
     auto lines = vexa::sim::serial_lines(board);
     auto mcu = vexa::sim::mcu_model(board);
@@ -74,7 +68,7 @@ VEXACTL_COMMAND(board, {"board", "serve [--seconds N]",
                         "(stm32flash, a terminal) open that pty. The MCU line is answered by the\n"
                         "MCU model; bytes written to a plain line are printed here. Runs until\n"
                         "interrupted, or for --seconds.",
-                        run_board});
+                        run_board, {number("seconds", "N", 0, 86400 * 365, "serve for N seconds, then leave")}});
 
 } // namespace
 } // namespace vexactl

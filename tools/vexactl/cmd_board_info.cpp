@@ -1,6 +1,5 @@
 // The loaded product record and the board's log: config, log.
 #include <cstring>
-#include <sstream>
 
 #include "tools/vexactl/command.h"
 #include "vexasdk/product_config.h"
@@ -8,19 +7,7 @@
 namespace vexactl {
 namespace {
 
-std::string gpio(const bi_gpio_entry_t &e) { return std::to_string(e.gpio_id); }
-std::string hex(unsigned v)
-{
-    char text[8];
-    std::snprintf(text, sizeof text, "0x%02x", v);
-    return text;
-}
-std::string num(double v)
-{
-    std::ostringstream out;
-    out << v;
-    return out.str();
-}
+Cell hex(unsigned v) { return Cell::hex(v, 2); }
 
 int run_config(Context &ctx, const Args &args)
 {
@@ -31,7 +18,7 @@ int run_config(Context &ctx, const Args &args)
     if (p == nullptr)
         return fail("the product record could not be loaded; see 'vexactl log'");
     Table t({"field", "value"});
-    t.row({"mod_id", std::to_string(p->mod_id)});
+    t.row({"mod_id", p->mod_id});
     t.row({"product_name", p->product_name});
     const std::pair<const char *, const bi_path_entry_t *> paths[] = {
         {"serial_485_1", &p->serial_485_1}, {"serial_485_2", &p->serial_485_2},
@@ -46,10 +33,10 @@ int run_config(Context &ctx, const Args &args)
     for (auto &[name, entry] : paths)
         t.row({name, entry->path});
     t.row({"watchdog.wdt_dev", p->watchdog.wdt_dev});
-    t.row({"watchdog.wdt_timeout", std::to_string(p->watchdog.wdt_timeout)});
-    t.row({"watchdog.wdt_interval", std::to_string(p->watchdog.wdt_interval)});
-    t.row({"fpga_drv_id", std::to_string(p->fpga_drv_id)});
-    t.row({"fpga_protocol_type", std::to_string(p->fpga_protocol.protocol_type)});
+    t.row({"watchdog.wdt_timeout", p->watchdog.wdt_timeout});
+    t.row({"watchdog.wdt_interval", p->watchdog.wdt_interval});
+    t.row({"fpga_drv_id", p->fpga_drv_id});
+    t.row({"fpga_protocol_type", p->fpga_protocol.protocol_type});
     for (const auto *a : {&p->audio_0, &p->audio_1}) {
         const std::string n = a == &p->audio_0 ? "audio_0" : "audio_1";
         t.row({n + ".path", a->path});
@@ -89,16 +76,16 @@ int run_config(Context &ctx, const Args &args)
         {"fpga_done_gpio", &p->fpga_done_gpio},
     };
     for (auto &[name, entry] : gpios)
-        t.row({name, gpio(*entry)});
+        t.row({name, entry->gpio_id});
     t.row({"adc_board_id.path", p->adc_board_id.path});
-    t.row({"adc_board_id.vref", num(p->adc_board_id.vref)});
-    t.row({"adc_board_id.n", std::to_string(p->adc_board_id.n)});
+    t.row({"adc_board_id.vref", Cell::real(p->adc_board_id.vref)});
+    t.row({"adc_board_id.n", p->adc_board_id.n});
     t.row({"adc_board_voltage.path", p->adc_board_voltage.path});
-    t.row({"adc_board_voltage.r1", std::to_string(p->adc_board_voltage.r1)});
-    t.row({"adc_board_voltage.r2", std::to_string(p->adc_board_voltage.r2)});
+    t.row({"adc_board_voltage.r1", p->adc_board_voltage.r1});
+    t.row({"adc_board_voltage.r2", p->adc_board_voltage.r2});
     t.row({"adc_board_temperature.path", p->adc_board_temperature.path});
-    t.row({"adc_board_temperature.vin", num(p->adc_board_temperature.vin)});
-    t.row({"adc_board_temperature.r1", std::to_string(p->adc_board_temperature.r1)});
+    t.row({"adc_board_temperature.vin", Cell::real(p->adc_board_temperature.vin)});
+    t.row({"adc_board_temperature.r1", p->adc_board_temperature.r1});
     for (int i = 0; i < 4; ++i)
         t.row({"usb" + std::to_string(i + 1) + "_path", p->usb_path[i]});
     t.row({"screen_mode", p->screen_mode});
@@ -106,10 +93,10 @@ int run_config(Context &ctx, const Args &args)
         t.row({"hdmi_in_" + std::to_string(i + 1) + "_path", p->hdmi_in_path[i]});
     for (int i = 0; i < 4; ++i)
         t.row({"hdmi_out_" + std::to_string(i + 1) + "_path", p->hdmi_out_path[i]});
-    t.row({"phy_num", std::to_string(p->phy_num)});
+    t.row({"phy_num", p->phy_num});
     for (int i = 0; i < 4; ++i)
         t.row({"phy" + std::to_string(i + 1) + "_state_cmd", p->phy_state_cmd[i]});
-    t.row({"external_relay_num", std::to_string(p->external_relay_num)});
+    t.row({"external_relay_num", p->external_relay_num});
     t.print(ctx);
     return 0;
 }
@@ -122,14 +109,9 @@ VEXACTL_COMMAND(config, {"config", "", "Show the loaded product record",
 
 int run_log(Context &ctx, const Args &args)
 {
-    const Command &command = command_named("log");
-    bool clear = false;
-    for (auto &arg : args) {
-        if (arg == "--clear")
-            clear = true;
-        else
-            return usage_error(command, "unknown argument '" + arg + "'");
-    }
+    if (!args.empty())
+        return usage_error(command_named("log"), "takes no arguments");
+    const bool clear = ctx.flag("clear");
     auto &board = ctx.board();
     if (clear) {
         board.clear_log();
@@ -141,7 +123,7 @@ int run_log(Context &ctx, const Args &args)
             std::string text = record.text;
             if (!text.empty() && text.back() == '\n')
                 text.pop_back();
-            t.row({std::to_string(record.priority), record.tag, text});
+            t.row({record.priority, record.tag, text});
         }
         t.print(ctx);
         return 0;
@@ -152,7 +134,8 @@ int run_log(Context &ctx, const Args &args)
 }
 
 VEXACTL_COMMAND(log, {"log", "[--clear]", "Show the board's log, one record a line as P/TAG: TEXT",
-                      "P is D, I, W or E (debug, info, warning, error). --clear empties the log.", run_log});
+                      "P is D, I, W or E (debug, info, warning, error).", run_log,
+                      {flag("clear", "empty the log")}});
 
 } // namespace
 } // namespace vexactl

@@ -30,19 +30,13 @@ std::string hex_dump(const uint8_t *data, size_t len)
 
 int run_model(Context &ctx, const Command &command, const Args &args)
 {
-    std::string file;
-    std::vector<std::string> words;
-    for (size_t i = 1; i < args.size(); ++i) {
-        if (args[i] == "-o" && i + 1 < args.size())
-            file = args[++i];
-        else
-            words.push_back(args[i]);
-    }
-    long w = 0, h = 0;
-    char *end = nullptr;
-    if (words.size() != 3 || !parse_int(words[0], &w) || !parse_int(words[1], &h) || w < 1 ||
-        h < 1 || w > 16384 || h > 16384)
+    const std::string file = ctx.text("output").value_or("");
+    const Args words(args.begin() + 1, args.end());
+    if (words.size() != 3)
         return usage_error(command, "model needs W H RATE");
+    const long long w = number_operand(words[0], "the width", 1, 16384);
+    const long long h = number_operand(words[1], "the height", 1, 16384);
+    char *end = nullptr;
     const float rate = strtof(words[2].c_str(), &end);
     if (end == words[2].c_str() || *end != '\0' || !(rate > 0.0f) || rate > 240.0f)
         return usage_error(command, "the rate is a refresh in Hz, above 0 and at most 240");
@@ -50,7 +44,7 @@ int run_model(Context &ctx, const Command &command, const Args &args)
     ctx.board();
     uint8_t edid[256];
     if (bi_resolution_get_edid_by_model(uint32_t(w), uint32_t(h), rate, edid) != 0)
-        return fail("no EDID for %ldx%ld at %g Hz; see 'vexactl log'", w, h, double(rate));
+        return fail("no EDID for %lldx%lld at %g Hz; see 'vexactl log'", w, h, double(rate));
     if (!file.empty()) {
         std::ofstream out(file, std::ios::binary | std::ios::trunc);
         if (!out.write(reinterpret_cast<const char *>(edid), sizeof(edid)))
@@ -68,14 +62,14 @@ void add_descriptor_row(Table &table, const std::string &where, const uint8_t *d
     if (d[0] == 0 && d[1] == 0) {
         char tag[8];
         snprintf(tag, sizeof(tag), "0x%02x", d[3]);
-        table.row({where, std::string("display descriptor ") + tag, "", "", "", "", "", ""});
+        table.row({where, std::string("display descriptor ") + tag, Cell::none(), Cell::none(), Cell::none(),
+                   Cell::none(), Cell::none(), Cell::none()});
         return;
     }
     EdidVideoMode m;
     edid_dtd2modeline2_convert(&t, &m);
-    table.row({where, valid ? "yes" : "no", std::to_string(t.pixel_clock / 1000),
-               std::to_string(t.h_active) + "x" + std::to_string(t.v_active),
-               std::to_string(m.refresh),
+    table.row({where, Cell::truth(valid), t.pixel_clock / 1000,
+               std::to_string(t.h_active) + "x" + std::to_string(t.v_active), m.refresh,
                std::to_string(t.h_sync_offset) + "/" + std::to_string(t.h_sync_width) + "/" +
                    std::to_string(m.h_back_porch),
                std::to_string(t.v_sync_offset) + "/" + std::to_string(t.v_sync_width) + "/" +
@@ -100,25 +94,21 @@ int run_show(Context &ctx, const Command &command, const Args &args)
     const bool valid = edid_parse_block0(bytes.data(), &info) == 1;
     Table base({"field", "value"});
     char text[64];
-    base.row({"valid", valid ? "yes" : "no"});
+    base.row({"valid", Cell::truth(valid)});
     base.row({"manufacturer", info.manufacturer});
-    snprintf(text, sizeof(text), "0x%04x", info.product_code);
-    base.row({"product", text});
-    base.row({"serial", std::to_string(info.serial)});
-    base.row({"week", std::to_string(info.week)});
-    base.row({"year", std::to_string(info.year)});
+    base.row({"product", Cell::hex(info.product_code, 4)});
+    base.row({"serial", info.serial});
+    base.row({"week", info.week});
+    base.row({"year", info.year});
     base.row({"version", std::to_string(info.version) + "." + std::to_string(info.revision)});
-    snprintf(text, sizeof(text), "0x%02x", info.video_input);
-    base.row({"input", text});
+    base.row({"input", Cell::hex(info.video_input, 2)});
     base.row({"size_mm", std::to_string(info.h_size_mm) + "x" + std::to_string(info.v_size_mm)});
-    snprintf(text, sizeof(text), "0x%02x", info.gamma);
-    base.row({"gamma", text});
-    snprintf(text, sizeof(text), "0x%02x", info.features);
-    base.row({"features", text});
+    base.row({"gamma", Cell::hex(info.gamma, 2)});
+    base.row({"features", Cell::hex(info.features, 2)});
     snprintf(text, sizeof(text), "0x%04x 0x%02x", info.established_timings,
              info.manufacturer_timings);
     base.row({"established", text});
-    base.row({"extensions", std::to_string(info.extensions)});
+    base.row({"extensions", info.extensions});
 
     Table descriptors({"where", "valid", "clock_khz", "size", "refresh", "h_fp/sync/bp",
                        "v_fp/sync/bp", "image_mm"});
@@ -174,7 +164,7 @@ VEXACTL_COMMAND(edid, {"edid", "model W H RATE [-o FILE] | show FILE",
                        "  FILE or shown as a hex dump.\n"
                        "show: the base block, every detailed timing descriptor with the\n"
                        "  parser's verdict, and the preferred mode.",
-                       run_edid});
+                       run_edid, {text("output", "FILE", "model: write the EDID to FILE ('-': standard output)").letter('o')}});
 
 } // namespace
 } // namespace vexactl

@@ -71,8 +71,7 @@ int run_status(Context &ctx, const Args &args)
     for (const Line &line : kLines) {
         const int32_t id = line_id(line);
         const bool unset = id < 0;
-        table.row({line.key, line.kind, std::to_string(id),
-                   unset || id == 0 ? "-" : std::to_string(ctx.board().line(id)),
+        table.row({line.key, line.kind, id, unset || id == 0 ? Cell::none() : Cell(ctx.board().line(id)),
                    unset ? "unset" : id == 0 ? "invalid" : ""});
     }
     if (ctx.json) {
@@ -147,11 +146,11 @@ int run_led(Context &ctx, const Args &args)
             std::fprintf(ctx.out, "%d\n", state);
             return 0;
         }
-        long rgb[3];
-        if (args.size() != 4 || !parse_int(args[1], &rgb[0]) || !parse_int(args[2], &rgb[1]) ||
-            !parse_int(args[3], &rgb[2]))
+        if (args.size() != 4)
             return usage_error(command, "tri takes RED GREEN BLUE (0 or 1 each) or get");
-        const int32_t ret = bi_triled_set_state(rgb[0], rgb[1], rgb[2]);
+        const int32_t ret = bi_triled_set_state(static_cast<int32_t>(number_operand(args[1], "red", 0, 1)),
+                                                static_cast<int32_t>(number_operand(args[2], "green", 0, 1)),
+                                                static_cast<int32_t>(number_operand(args[3], "blue", 0, 1)));
         if (ret < 0)
             return fail("led tri failed (%d); see 'vexactl log'", ret);
         return 0;
@@ -179,10 +178,7 @@ int run_relay(Context &ctx, const Args &args)
     ctx.load_config();
     if (args[0] == "interior")
         return switch_action("relay interior", args[1], bi_relay_set_state, bi_relay_get_state, ctx, command);
-    long n;
-    if (!parse_int(args[0], &n))
-        return usage_error(command, "the relay is 1 to 4 or interior");
-    const int32_t dev = static_cast<int32_t>(n);
+    const auto dev = static_cast<int32_t>(number_operand(args[0], "the relay", 1, 4));
     return switch_action(
         "relay " + args[0], args[1], [dev](int32_t on) { return bi_peripheral_relay_enable(dev, on); },
         [dev] { return bi_peripheral_relay_get_status(dev); }, ctx, command);
@@ -191,23 +187,24 @@ int run_relay(Context &ctx, const Args &args)
 VEXACTL_COMMAND(relay, {"relay", "N|interior on|off|get", "Switch or read a relay",
                         "N is a peripheral relay, 1 to 4; 'interior' is the interior relay.", run_relay});
 
+// The library's id tests accept line ids below 1000.
+constexpr long long kMaxLine = 999;
+
 int run_gpio(Context &ctx, const Args &args)
 {
     const Command &command = command_named("gpio");
-    long id, value;
-    if (args.size() == 2 && args[0] == "get" && parse_int(args[1], &id)) {
-        const int level = ctx.board().line(static_cast<int>(id));
+    if (args.size() == 2 && args[0] == "get") {
+        const int id = static_cast<int>(number_operand(args[1], "the line", 0, kMaxLine));
+        const int level = ctx.board().line(id);
         if (level < 0)
-            return fail("line %ld does not exist", id);
+            return fail("line %d does not exist", id);
         std::fprintf(ctx.out, "%d\n", level);
         return 0;
     }
-    if (args.size() == 3 && args[0] == "set" && parse_int(args[1], &id) && parse_int(args[2], &value)) {
-        if (id < 0)
-            return fail("line %ld does not exist", id);
-        if (value != 0 && value != 1)
-            return usage_error(command, "the level is 0 or 1");
-        ctx.board().set_line(static_cast<int>(id), static_cast<int>(value));
+    if (args.size() == 3 && args[0] == "set") {
+        const int id = static_cast<int>(number_operand(args[1], "the line", 0, kMaxLine));
+        const int level = static_cast<int>(number_operand(args[2], "the level", 0, 1));
+        ctx.board().set_line(id, level);
         return 0;
     }
     return usage_error(command, "expected 'get ID' or 'set ID 0|1'");

@@ -146,7 +146,7 @@ int run_links(Context &ctx)
         return fail("the MCU did not report every port; see 'vexactl log'");
     Table table({"port", "link"});
     for (int port = 0; port < 40; ++port)
-        table.row({std::to_string(port), (mask >> port) & 1u ? "up" : "down"});
+        table.row({port, (mask >> port) & 1u ? "up" : "down"});
     if (!ctx.json)
         std::fprintf(ctx.out, "mask: 0x%010llx\n", static_cast<unsigned long long>(mask));
     table.print(ctx);
@@ -160,13 +160,9 @@ int run_watchdog(Context &ctx, const Args &args)
         return usage_error(command, "watchdog needs open, close, feed or status");
     const int line = config_info->mcu_wdt_switch;
     const std::string &action = args[0];
-    long seconds = 5;
-    if (action == "feed" && args.size() == 3 && args[1] == "--seconds") {
-        if (!parse_int(args[2], &seconds) || seconds < 0)
-            return usage_error(command, "--seconds takes a number");
-    } else if (args.size() != 1) {
+    const long long seconds = ctx.number("seconds").value_or(5);
+    if (args.size() != 1)
         return usage_error(command, "watchdog takes open, close, feed [--seconds N] or status");
-    }
     int32_t result = 0;
     if (action == "open") {
         result = bi_mcu_watchdog_open(line);
@@ -176,7 +172,7 @@ int run_watchdog(Context &ctx, const Args &args)
         // The feeder never stops: it feeds while this command runs.
         result = bi_mcu_watchdog_start_feed(line);
         if (result == 0) {
-            std::fprintf(ctx.out, "feeding line %d for %ld s\n", line, seconds);
+            std::fprintf(ctx.out, "feeding line %d for %lld s\n", line, seconds);
             std::fflush(ctx.out);
             vexa::os::sleep_us(static_cast<uint64_t>(seconds) * 1000000u);
         }
@@ -188,8 +184,7 @@ int run_watchdog(Context &ctx, const Args &args)
     auto model = vexa::sim::mcu_model(ctx.board());
     const auto seen = model ? model->watchdog(vexa::os::monotonic_ns()) : vexa::sim::McuModel::Watchdog{};
     Table table({"line", "level", "pulses_seen", "fed", "closed"});
-    table.row({std::to_string(line), std::to_string(ctx.board().line(line)), std::to_string(seen.edges),
-               seen.fed ? "yes" : "no", seen.closed ? "yes" : "no"});
+    table.row({line, ctx.board().line(line), seen.edges, Cell::truth(seen.fed), Cell::truth(seen.closed)});
     table.print(ctx);
     if (action == "feed") {
         // The feeder thread never stops: leave without running the process's
@@ -236,7 +231,7 @@ VEXACTL_COMMAND(mcu, {"mcu", "version | update | flash FILE | links | watchdog o
                       "watchdog drives the MCU watchdog line (mcu_wdt_switch): open, close (the\n"
                       "         closing pulses), feed (the feeder thread, for --seconds, default 5),\n"
                       "         status (the line and what the MCU saw in this process).",
-                      run_mcu});
+                      run_mcu, {number("seconds", "N", 0, 86400, "watchdog feed: how long to feed")}});
 
 } // namespace
 } // namespace vexactl

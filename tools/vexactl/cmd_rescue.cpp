@@ -90,10 +90,8 @@ int run_rescue(Context &ctx, const Args &args)
     }
     if (verb == "recover-tab" && args.size() <= 2) {
         if (args.size() == 2) {
-            long value;
-            if (!parse_int(args[1], &value) || value < 0 || value > 255)
-                return usage_error(command, "the recover tab is 0 to 255");
-            const int32_t rc = bi_rescue_set_recover_tab(static_cast<uint32_t>(value));
+            const auto value = static_cast<uint32_t>(number_operand(args[1], "the recover tab", 0, 255));
+            const int32_t rc = bi_rescue_set_recover_tab(value);
             if (rc != 0)
                 return fail("cannot write the recover tab (%d); see 'vexactl log'", rc);
             return 0;

@@ -28,28 +28,18 @@ std::string status_text(int32_t status)
 
 void add_row(Table &table, const st_bi_sffe_resolution &r, bool json)
 {
-    table.row({std::to_string(r.width), std::to_string(r.height), std::to_string(r.refresh),
-               json ? std::to_string(r.status) : status_text(r.status)});
+    const auto status = static_cast<int32_t>(r.status);
+    table.row({r.width, r.height, r.refresh, json ? Cell(status) : Cell(status_text(status))});
 }
 
 int run_set(Context &ctx, const Command &command, const Args &args)
 {
-    long w = 0, h = 0, fps = 0;
-    bool save = false;
-    std::vector<std::string> sizes;
-    for (size_t i = 1; i < args.size(); ++i) {
-        if (args[i] == "--fps" && i + 1 < args.size()) {
-            if (!parse_int(args[++i], &fps) || fps < 1 || fps > 240)
-                return usage_error(command, "--fps takes a refresh of 1 to 240 Hz");
-        } else if (args[i] == "--save") {
-            save = true;
-        } else {
-            sizes.push_back(args[i]);
-        }
-    }
-    if (sizes.size() != 2 || !parse_int(sizes[0], &w) || !parse_int(sizes[1], &h) || w < 1 ||
-        h < 1 || w > 65535 || h > 65535)
+    const long long fps = ctx.number("fps").value_or(0);
+    const bool save = ctx.flag("save");
+    if (args.size() != 3)
         return usage_error(command, "set needs a width and a height");
+    const long long w = number_operand(args[1], "the width", 1, 65535);
+    const long long h = number_operand(args[2], "the height", 1, 65535);
     ctx.load_config();
     st_bi_sffe_resolution r{};
     const int32_t ret =
@@ -62,7 +52,7 @@ int run_set(Context &ctx, const Command &command, const Args &args)
     add_row(table, r, ctx.json);
     table.print(ctx);
     if (r.status != 1)
-        return fail("%ldx%ld: %s", w, h, status_text(r.status).c_str());
+        return fail("%lldx%lld: %s", w, h, status_text(static_cast<int32_t>(r.status)).c_str());
     return 0;
 }
 
@@ -104,7 +94,9 @@ VEXACTL_COMMAND(resolution,
                  "list: the saved resolution and the presets.\n"
                  "Statuses: 1 accepted, -1 too large, -2 outside the product's range,\n"
                  "-3 clock above the product's limit, -4 not saved.",
-                 run_resolution});
+                 run_resolution,
+                 {number("fps", "F", 1, 240, "set: the refresh rate in Hz"),
+                  flag("save", "set: keep the resolution for the next boot")}});
 
 } // namespace
 } // namespace vexactl

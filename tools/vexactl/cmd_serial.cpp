@@ -33,28 +33,11 @@ const Port *port_named(const std::string &name)
     return nullptr;
 }
 
-// Takes "--NAME N" out of args; false when the value is not a number.
-bool take_number(Args &args, const char *name, long *value)
-{
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == name) {
-            if (i + 1 >= args.size() || !parse_int(args[i + 1], value))
-                return false;
-            args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
-            return true;
-        }
-    }
-    return true;
-}
-
-int run_serial(Context &ctx, const Args &given)
+int run_serial(Context &ctx, const Args &args)
 {
     const Command &command = command_named("serial");
-    Args args = given;
-    long baud = 115200;
-    long seconds = 5;
-    if (!take_number(args, "--baud", &baud) || !take_number(args, "--seconds", &seconds) || seconds < 0)
-        return usage_error(command, "--baud and --seconds take a number");
+    const long long baud = ctx.number("baud").value_or(115200);
+    const long long seconds = ctx.number("seconds").value_or(5);
     if (args.size() < 2)
         return usage_error(command, "needs a port and an action");
     const Port *port = port_named(args[0]);
@@ -119,7 +102,9 @@ VEXACTL_COMMAND(serial, {"serial", "PORT send TEXT | PORT listen [--seconds N] [
                          "PORT is 485, 485_2, 232, hdmi, lora, ttl or ttl_2 (paths from the product\n"
                          "INI). The port opens at 115200 8N1 unless --baud says otherwise. listen\n"
                          "prints what arrives for --seconds (default 5).",
-                         run_serial});
+                         run_serial,
+                         {number("baud", "N", 50, 4000000, "the line's speed"),
+                          number("seconds", "N", 0, 86400, "listen: how long to listen")}});
 
 } // namespace
 } // namespace vexactl

@@ -26,22 +26,12 @@ std::string modeline(const CvtMode &m)
 int run_timing(Context &ctx, const Args &args)
 {
     const Command &command = command_named("timing");
-    long w = 0, h = 0, fps = 60;
-    std::string engine = "cvt-rb";
-    std::vector<std::string> sizes;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--fps" && i + 1 < args.size()) {
-            if (!parse_int(args[++i], &fps) || fps < 1 || fps > 240)
-                return usage_error(command, "--fps takes a refresh of 1 to 240 Hz");
-        } else if (args[i] == "--engine" && i + 1 < args.size()) {
-            engine = args[++i];
-        } else {
-            sizes.push_back(args[i]);
-        }
-    }
-    if (sizes.size() != 2 || !parse_int(sizes[0], &w) || !parse_int(sizes[1], &h) || w < 1 ||
-        h < 1 || w > 16384 || h > 16384)
+    const long long fps = ctx.number("fps").value_or(60);
+    const std::string engine = ctx.text("engine").value_or("cvt-rb");
+    if (args.size() != 2)
         return usage_error(command, "needs a width and a height of 1 to 16384");
+    const long long w = number_operand(args[0], "the width", 1, 16384);
+    const long long h = number_operand(args[1], "the height", 1, 16384);
 
     ctx.board(); // the engines log to the board
     ResolutionTiming t{};
@@ -60,17 +50,15 @@ int run_timing(Context &ctx, const Args &args)
         return usage_error(command, "the engine is " + std::string(kEngines));
     }
     if (ret != 0)
-        return fail("the %s engine gives no timing for %ldx%ld", engine.c_str(), w, h);
+        return fail("the %s engine gives no timing for %lldx%lld", engine.c_str(), w, h);
 
     CvtMode mode{};
     const bool have_mode =
         vert_refresh(int32_t(w), int32_t(h), float(fps), 0, 1, 0, 0, &mode) == 0;
     Table table({"engine", "clock_khz", "hdisplay", "hsync_start", "hsync_end", "htotal",
                  "vdisplay", "vsync_start", "vsync_end", "vtotal", "vrefresh"});
-    table.row({engine, std::to_string(t.clock), std::to_string(t.hdisplay),
-               std::to_string(t.hsync_start), std::to_string(t.hsync_end),
-               std::to_string(t.htotal), std::to_string(t.vdisplay), std::to_string(t.vsync_start),
-               std::to_string(t.vsync_end), std::to_string(t.vtotal), std::to_string(t.vrefresh)});
+    table.row({engine, t.clock, t.hdisplay, t.hsync_start, t.hsync_end, t.htotal, t.vdisplay, t.vsync_start,
+               t.vsync_end, t.vtotal, t.vrefresh});
     if (ctx.json) {
         cJSON *out = cJSON_CreateObject();
         cJSON *rows = table.json();
@@ -97,7 +85,9 @@ VEXACTL_COMMAND(timing,
                  "  float    the floating-point CVT engine, reduced blanking\n"
                  "and the X11 modeline of the floating-point engine's mode. The record's\n"
                  "refresh word is 60 for cvt-rb and cvt-rb2 whatever F is.",
-                 run_timing});
+                 run_timing,
+                 {number("fps", "F", 1, 240, "the refresh rate in Hz (default 60)"),
+                  text("engine", "NAME", "cvt-rb (default), cvt-rb2, vdc260 or float")}});
 
 } // namespace
 } // namespace vexactl

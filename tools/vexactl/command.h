@@ -1,36 +1,131 @@
-// vexactl's command registry and the helpers every command shares.
+// vexactl's command registry, its one option parser and the helpers every
+// command shares.
 //
-// A command group lives in its own file and registers itself:
-//   VEXACTL_COMMAND(led, {"led", "NAME on|off|get", "Switch or read a lamp", help, run_led});
-// run gets the words after the command's name, with --json, --help and
-// --board already taken out.
+// A command group lives in its own file (cmd_<group>.cpp) and registers each
+// command with VEXACTL_COMMAND:
+//
+//   int run_resolution(Context &ctx, const Args &args);
+//   VEXACTL_COMMAND(resolution, {"resolution", "set W H [--fps F] [--save] | get | list",
+//                                "Set, read back or list the output resolution",
+//                                "further text for --help (may be empty)",
+//                                run_resolution,
+//                                {number("fps", "F", 1, 240, "the refresh rate in Hz"),
+//                                 flag("save", "keep the resolution for the next boot")}});
+//
+// How a command declares its options. The last member of Command lists them:
+//   flag("NAME", HELP)                       --NAME, given or not
+//   number("NAME", "N", MIN, MAX, HELP)      --NAME N, a number from MIN to MAX
+//   text("NAME", "VALUE", HELP)              --NAME VALUE, any text
+// and .letter('c') gives one a short form (-c). A command without the member
+// takes no options of its own. The parser (getopt_long) takes them anywhere
+// on the line before "--" ("--" ends the options; the words after it are
+// operands even when they begin with '-'), as --NAME VALUE or --NAME=VALUE.
+// It refuses an option the command does not declare, a value the option's
+// kind does not take and a number outside the declared range, with a message
+// and exit code 2, before run is called. Numbers are decimal unless written
+// with 0x (hexadecimal): "010" is ten.
+//
+// Every command also takes the global options --board DIR, --json, --help
+// (-h) and --version; --help prints the command's usage, its options and its
+// help text without running it.
+//
+// run gets the operands (the words that are not options), in order, and
+// reads its options from the context: ctx.flag("save"),
+// ctx.number("fps") (empty when not given; already range-checked),
+// ctx.text("engine"), ctx.texts("tag") (every value of a repeated option).
+//
+// Operands are parsed with the helpers below: number_operand() and
+// one_of() throw UsageError, which ends the command with its message and
+// usage and exit code 2. Failures of the board or the library go through
+// fail(): "vexactl: MESSAGE" on standard error and exit code 1.
+//
+// Output: plain text on ctx.out, or with --json (ctx.json) one JSON document.
+// Table and print_json keep types: a cell made from a number is a JSON
+// number, one made from text is a JSON string even when it reads like a
+// number ("0777" stays "0777").
+//
+// "-" names standard input or output where a command takes a file
+// (read_input, write_output).
 #ifndef VEXACTL_COMMAND_H
 #define VEXACTL_COMMAND_H
 
 #include <cjson/cJSON.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "sim/board.h"
 
 namespace vexactl {
 
-struct Context {
-    FILE *out = stdout;   // the command's own output
+// One option a command declares (see the top of this file).
+struct Option {
+    enum class Kind { flag, number, text };
+    std::string name;    // the long form, without the dashes
+    Kind kind = Kind::flag;
+    std::string value;   // the value's name in the usage ("N", "FILE")
+    std::string help;    // one line for --help
+    long long min = 0;   // the range of a number
+    long long max = 0;
+    char short_name = 0; // the short form (-c), or 0
+
+    Option letter(char c) const
+    {
+        Option copy = *this;
+        copy.short_name = c;
+        return copy;
+    }
+};
+
+Option flag(std::string name, std::string help);
+Option number(std::string name, std::string value, long long min, long long max, std::string help);
+Option text(std::string name, std::string value, std::string help);
+
+struct Command;
+
+// What the parser found for the options of one run.
+class Options {
+public:
+    void add(const std::string &name, std::string value) { given_.emplace_back(name, std::move(value)); }
+    bool has(const std::string &name) const;
+    // The last value given, or none.
+    std::optional<std::string> last(const std::string &name) const;
+    std::vector<std::string> all(const std::string &name) const;
+
+private:
+    std::vector<std::pair<std::string, std::string>> given_;
+};
+
+class Context {
+public:
+    FILE *out = stdout;   // the command's own output (standard output)
     bool json = false;    // --json was given
     std::string board_dir;
+    const Command *command = nullptr; // the command being run
+    Options options;      // the command's own options, as given
 
     // The board, attached on first use (the default board unless --board).
     vexa::sim::Board &board();
     // Loads the product record once (bi_init_product_config).
     void load_config();
 
+    // The command's options. Asking for a name the command does not declare
+    // is a programming error (std::logic_error).
+    bool flag(const std::string &name) const;
+    std::optional<long long> number(const std::string &name) const;
+    std::optional<std::string> text(const std::string &name) const;
+    std::vector<std::string> texts(const std::string &name) const;
+
 private:
+    const Option &declared(const std::string &name, Option::Kind kind) const;
     std::unique_ptr<vexa::sim::Board> board_;
     bool config_loaded_ = false;
 };
@@ -39,40 +134,89 @@ using Args = std::vector<std::string>;
 
 struct Command {
     std::string name;     // first word on the command line
-    std::string synopsis; // arguments, for the usage line
+    std::string synopsis; // operands and options, for the usage line
     std::string summary;  // one line for the command list
     std::string help;     // further text for --help (may be empty)
     std::function<int(Context &, const Args &)> run;
+    std::vector<Option> options = {}; // the command's own options
 };
 
 bool register_command(Command command);
 const std::map<std::string, Command> &commands();
+const Command &command_named(const std::string &name);
+
+// A bad command line: the message, then the command's usage, exit code 2.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 // Prints "vexactl: MESSAGE" on standard error; returns 1.
 int fail(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-// Prints the message and the command's usage on standard error; returns 2.
+// Prints "vexactl COMMAND: MESSAGE" and the command's usage on standard
+// error; returns 2.
 int usage_error(const Command &command, const std::string &message);
-const Command &command_named(const std::string &name);
 
-// Parses a whole decimal integer; false for anything else.
-bool parse_int(const std::string &text, long *value);
+// Parses a whole number: decimal, or hexadecimal after 0x or 0X, with an
+// optional '-'. Leading zeros are decimal ("010" is ten). False for anything
+// else, for values outside [min, max] and for overflow.
+bool parse_number(const std::string &text, long long min, long long max, long long *value);
+// The same for operands: throws UsageError "WHAT is a number from MIN to
+// MAX, not 'TEXT'".
+long long number_operand(const std::string &text, const std::string &what, long long min, long long max);
+// The index of text in choices; throws UsageError "WHAT is one of A, B or C,
+// not 'TEXT'".
+size_t one_of(const std::string &text, const std::string &what, const std::vector<std::string> &choices);
+
+// Reads a whole file of the host, or standard input for "-". False (and
+// "vexactl: cannot read PATH: REASON" on standard error) on failure.
+bool read_input(const std::string &path, std::string *bytes);
+// Writes bytes to a file of the host, or to the command's output for "-".
+bool write_output(Context &ctx, const std::string &path, const std::string &bytes);
 
 // Prints a JSON value on ctx.out and deletes it.
 void print_json(Context &ctx, cJSON *item);
 
-// A table printed as aligned columns, or with --json as an array of objects
-// keyed by the column names. Cells that hold whole numbers are JSON numbers.
+// One cell of a table: text, a whole number, a truth value or nothing
+// (printed as "-", null in JSON). A number may be shown in hexadecimal in the
+// text table (Cell::hex) and stays a number in JSON.
+class Cell {
+public:
+    Cell(const char *text) : kind_(Kind::text), text_(text ? text : "") {}
+    Cell(std::string text) : kind_(Kind::text), text_(std::move(text)) {}
+    template <typename T, typename = std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool>>>
+    Cell(T value) : kind_(Kind::number), number_(static_cast<long long>(value)), text_(std::to_string(value))
+    {
+    }
+    static Cell truth(bool value);
+    static Cell real(double value);
+    static Cell hex(unsigned long long value, int digits);
+    static Cell none();
+
+    const std::string &shown() const { return text_; }
+    cJSON *json() const;
+
+private:
+    enum class Kind { text, number, real, truth, none };
+    Cell(Kind kind, std::string shown) : kind_(kind), text_(std::move(shown)) {}
+    Kind kind_;
+    long long number_ = 0;
+    double real_ = 0;
+    std::string text_;
+};
+
+// A table printed as aligned columns under upper-case headings, or with
+// --json as an array of objects keyed by the column names.
 class Table {
 public:
     explicit Table(std::vector<std::string> columns);
-    void row(std::vector<std::string> cells);
+    void row(std::vector<Cell> cells);
     void print(Context &ctx) const;
     // The rows as a JSON array of objects (the caller owns it).
     cJSON *json() const;
 
 private:
     std::vector<std::string> columns_;
-    std::vector<std::vector<std::string>> rows_;
+    std::vector<std::vector<Cell>> rows_;
 };
 
 } // namespace vexactl

@@ -1,14 +1,8 @@
 // vexactl: the board's command-line front end for technicians and demos.
 #include <unistd.h>
 
-#include <cjson/cJSON.h>
-
-#include <cstdarg>
-#include <cstdlib>
-#include <cstring>
-#include <iostream>
-
 #include "tools/vexactl/command.h"
+#include "tools/vexactl/parse.h"
 #include "vexasdk/product_config.h"
 
 namespace vexactl {
@@ -21,32 +15,44 @@ std::map<std::string, Command> &registry()
     return map;
 }
 
-void print_usage(FILE *to)
-{
-    std::fprintf(to,
-                 "usage: vexactl [--board DIR] [--json] COMMAND [ARGS...]\n"
-                 "\n"
-                 "Drives the board through libvexasdk. On a host the board is a virtual\n"
-                 "board: a directory that holds its files and state. Without --board,\n"
-                 "the default board is used: %s\n"
-                 "(set VEXA_BOARD to choose another).\n"
-                 "\n"
-                 "Commands:\n",
-                 vexa::sim::Board::default_root().c_str());
-    for (auto &[name, command] : registry())
-        std::fprintf(to, "  %-14s %s\n", name.c_str(), command.summary.c_str());
-    std::fprintf(to, "\n'vexactl COMMAND --help' tells more.\n");
-}
-
-void print_command_help(FILE *to, const Command &command)
-{
-    std::fprintf(to, "usage: vexactl [--board DIR] %s %s\n\n%s\n", command.name.c_str(),
-                 command.synopsis.c_str(), command.summary.c_str());
-    if (!command.help.empty())
-        std::fprintf(to, "\n%s\n", command.help.c_str());
-}
-
 } // namespace
+
+bool register_command(Command command)
+{
+    std::string name = command.name;
+    registry().emplace(std::move(name), std::move(command));
+    return true;
+}
+
+const std::map<std::string, Command> &commands() { return registry(); }
+
+const Command &command_named(const std::string &name) { return registry().at(name); }
+
+bool Options::has(const std::string &name) const
+{
+    for (auto &[given, value] : given_)
+        if (given == name)
+            return true;
+    return false;
+}
+
+std::optional<std::string> Options::last(const std::string &name) const
+{
+    std::optional<std::string> found;
+    for (auto &[given, value] : given_)
+        if (given == name)
+            found = value;
+    return found;
+}
+
+std::vector<std::string> Options::all(const std::string &name) const
+{
+    std::vector<std::string> found;
+    for (auto &[given, value] : given_)
+        if (given == name)
+            found.push_back(value);
+    return found;
+}
 
 vexa::sim::Board &Context::board()
 {
@@ -66,115 +72,42 @@ void Context::load_config()
     }
 }
 
-bool register_command(Command command)
+const Option &Context::declared(const std::string &name, Option::Kind kind) const
 {
-    std::string name = command.name;
-    registry().emplace(std::move(name), std::move(command));
-    return true;
+    if (command)
+        for (auto &option : command->options)
+            if (option.name == name && option.kind == kind)
+                return option;
+    throw std::logic_error("vexactl " + (command ? command->name : std::string("?")) +
+                           " asks for an option it does not declare: --" + name);
 }
 
-const std::map<std::string, Command> &commands() { return registry(); }
-
-const Command &command_named(const std::string &name) { return registry().at(name); }
-
-int fail(const char *fmt, ...)
+bool Context::flag(const std::string &name) const
 {
-    std::fflush(stdout);
-    std::fprintf(stderr, "vexactl: ");
-    va_list ap;
-    va_start(ap, fmt);
-    std::vfprintf(stderr, fmt, ap);
-    va_end(ap);
-    std::fprintf(stderr, "\n");
-    return 1;
+    declared(name, Option::Kind::flag);
+    return options.has(name);
 }
 
-int usage_error(const Command &command, const std::string &message)
+std::optional<long long> Context::number(const std::string &name) const
 {
-    std::fprintf(stderr, "vexactl %s: %s\nusage: vexactl [--board DIR] %s %s\n", command.name.c_str(),
-                 message.c_str(), command.name.c_str(), command.synopsis.c_str());
-    return 2;
+    const Option &option = declared(name, Option::Kind::number);
+    const auto given = options.last(name);
+    long long value;
+    if (!given || !parse_number(*given, option.min, option.max, &value))
+        return std::nullopt; // the parser has refused a bad value already
+    return value;
 }
 
-bool parse_int(const std::string &text, long *value)
+std::optional<std::string> Context::text(const std::string &name) const
 {
-    if (text.empty())
-        return false;
-    char *end = nullptr;
-    errno = 0;
-    const long v = std::strtol(text.c_str(), &end, 0);
-    if (errno != 0 || *end != '\0')
-        return false;
-    *value = v;
-    return true;
+    declared(name, Option::Kind::text);
+    return options.last(name);
 }
 
-Table::Table(std::vector<std::string> columns) : columns_(std::move(columns)) {}
-
-void Table::row(std::vector<std::string> cells)
+std::vector<std::string> Context::texts(const std::string &name) const
 {
-    cells.resize(columns_.size());
-    rows_.push_back(std::move(cells));
-}
-
-cJSON *Table::json() const
-{
-    cJSON *array = cJSON_CreateArray();
-    for (auto &cells : rows_) {
-        cJSON *object = cJSON_CreateObject();
-        for (size_t i = 0; i < columns_.size(); ++i) {
-            long number;
-            if (parse_int(cells[i], &number) && cells[i].find_first_of("xX") == std::string::npos)
-                cJSON_AddNumberToObject(object, columns_[i].c_str(), static_cast<double>(number));
-            else
-                cJSON_AddStringToObject(object, columns_[i].c_str(), cells[i].c_str());
-        }
-        cJSON_AddItemToArray(array, object);
-    }
-    return array;
-}
-
-void print_json(Context &ctx, cJSON *item)
-{
-    char *text = cJSON_Print(item);
-    std::fprintf(ctx.out, "%s\n", text);
-    cJSON_free(text);
-    cJSON_Delete(item);
-}
-
-void Table::print(Context &ctx) const
-{
-    if (ctx.json) {
-        print_json(ctx, json());
-        return;
-    }
-    std::vector<size_t> widths(columns_.size());
-    for (size_t i = 0; i < columns_.size(); ++i) {
-        widths[i] = columns_[i].size();
-        for (auto &cells : rows_)
-            widths[i] = std::max(widths[i], cells[i].size());
-    }
-    auto line = [&](const std::vector<std::string> &cells) {
-        std::string text;
-        for (size_t i = 0; i < cells.size(); ++i) {
-            text += cells[i];
-            if (i + 1 < cells.size())
-                text += std::string(widths[i] - cells[i].size() + 2, ' ');
-        }
-        while (!text.empty() && text.back() == ' ')
-            text.pop_back();
-        std::fprintf(ctx.out, "%s\n", text.c_str());
-    };
-    std::vector<std::string> header;
-    for (auto &c : columns_) {
-        std::string upper = c;
-        for (auto &ch : upper)
-            ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
-        header.push_back(upper);
-    }
-    line(header);
-    for (auto &cells : rows_)
-        line(cells);
+    declared(name, Option::Kind::text);
+    return options.all(name);
 }
 
 } // namespace vexactl
@@ -190,55 +123,37 @@ int main(int argc, char **argv)
     std::fflush(stdout);
     ::dup2(STDERR_FILENO, STDOUT_FILENO);
 
-    Args args;
-    bool help = false;
-    std::string name;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--json") {
-            ctx.json = true;
-        } else if (arg == "--help" || arg == "-h") {
-            help = true;
-        } else if (name.empty() && arg == "--board") {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "vexactl: --board needs a directory\n");
-                return 2;
-            }
-            ctx.board_dir = argv[++i];
-        } else if (name.empty() && arg.rfind("--board=", 0) == 0) {
-            ctx.board_dir = arg.substr(8);
-        } else if (name.empty() && arg.size() > 1 && arg[0] == '-') {
-            std::fprintf(stderr, "vexactl: unknown option %s\n", arg.c_str());
-            print_usage(stderr);
-            return 2;
-        } else if (name.empty()) {
-            name = arg;
-        } else {
-            args.push_back(arg);
-        }
-    }
-    if (name.empty()) {
-        print_usage(help ? ctx.out : stderr);
-        std::fflush(ctx.out);
-        return help ? 0 : 2;
-    }
-    auto it = commands().find(name);
-    if (it == commands().end()) {
-        std::fprintf(stderr, "vexactl: unknown command '%s'\n", name.c_str());
-        print_usage(stderr);
-        return 2;
-    }
-    if (help) {
-        print_command_help(ctx.out, it->second);
+    CommandLine line;
+    if (int rc = parse_command_line(argc, argv, &line))
+        return rc;
+    if (line.version) {
+        std::fprintf(ctx.out, "vexactl (vexasdk) %s\n", VEXASDK_VERSION);
         std::fflush(ctx.out);
         return 0;
     }
+    if (!line.command) {
+        print_usage(line.help ? ctx.out : stderr);
+        std::fflush(ctx.out);
+        return line.help ? 0 : 2;
+    }
+    if (line.help) {
+        print_command_help(ctx.out, *line.command);
+        std::fflush(ctx.out);
+        return 0;
+    }
+    ctx.json = line.json;
+    ctx.board_dir = line.board_dir;
+    ctx.command = line.command;
+    ctx.options = line.options;
     int status;
     try {
-        status = it->second.run(ctx, args);
+        status = line.command->run(ctx, line.operands);
+    } catch (const UsageError &e) {
+        status = usage_error(*line.command, e.what());
     } catch (const std::exception &e) {
         status = fail("%s", e.what());
     }
-    std::fflush(ctx.out);
+    if (std::fflush(ctx.out) != 0 && status == 0)
+        status = fail("cannot write standard output");
     return status;
 }

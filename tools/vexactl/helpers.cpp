@@ -1,0 +1,144 @@
+// Helpers every command shares: messages, numbers, files.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "tools/vexactl/command.h"
+#include "tools/vexactl/parse.h"
+
+namespace vexactl {
+
+int fail(const char *fmt, ...)
+{
+    std::fflush(stdout);
+    std::fprintf(stderr, "vexactl: ");
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(stderr, fmt, ap);
+    va_end(ap);
+    std::fprintf(stderr, "\n");
+    return 1;
+}
+
+int usage_error(const Command &command, const std::string &message)
+{
+    std::fprintf(stderr, "vexactl %s: %s\n%s\n", command.name.c_str(), message.c_str(),
+                 usage_line(command).c_str());
+    return 2;
+}
+
+bool parse_number(const std::string &text, long long min, long long max, long long *value)
+{
+    size_t at = 0;
+    const bool negative = !text.empty() && text[0] == '-';
+    if (negative)
+        ++at;
+    int base = 10;
+    if (text.size() > at + 1 && text[at] == '0' && (text[at + 1] == 'x' || text[at + 1] == 'X')) {
+        base = 16;
+        at += 2;
+    }
+    if (at >= text.size())
+        return false;
+    unsigned long long magnitude = 0;
+    for (; at < text.size(); ++at) {
+        const unsigned char c = static_cast<unsigned char>(text[at]);
+        int digit;
+        if (c >= '0' && c <= '9')
+            digit = c - '0';
+        else if (base == 16 && std::isxdigit(c))
+            digit = std::tolower(c) - 'a' + 10;
+        else
+            return false;
+        if (magnitude > (~0ull - static_cast<unsigned>(digit)) / static_cast<unsigned>(base))
+            return false;
+        magnitude = magnitude * static_cast<unsigned>(base) + static_cast<unsigned>(digit);
+    }
+    long long v;
+    if (negative) {
+        if (magnitude > 1ull << 63)
+            return false;
+        v = magnitude == 1ull << 63 ? INT64_MIN : -static_cast<long long>(magnitude);
+    } else {
+        if (magnitude > static_cast<unsigned long long>(INT64_MAX))
+            return false;
+        v = static_cast<long long>(magnitude);
+    }
+    if (v < min || v > max)
+        return false;
+    *value = v;
+    return true;
+}
+
+long long number_operand(const std::string &text, const std::string &what, long long min, long long max)
+{
+    long long value;
+    if (!parse_number(text, min, max, &value))
+        throw UsageError(what + " is a number from " + std::to_string(min) + " to " + std::to_string(max) +
+                         ", not '" + text + "'");
+    return value;
+}
+
+size_t one_of(const std::string &text, const std::string &what, const std::vector<std::string> &choices)
+{
+    for (size_t i = 0; i < choices.size(); ++i)
+        if (choices[i] == text)
+            return i;
+    std::string list;
+    for (size_t i = 0; i < choices.size(); ++i)
+        list += (i == 0 ? "" : i + 1 == choices.size() ? " or " : ", ") + choices[i];
+    throw UsageError(what + " is " + (choices.size() > 1 ? "one of " : "") + list + ", not '" + text + "'");
+}
+
+bool read_input(const std::string &path, std::string *bytes)
+{
+    if (path == "-") {
+        bytes->clear();
+        char buf[65536];
+        ssize_t n;
+        while ((n = ::read(STDIN_FILENO, buf, sizeof buf)) != 0) {
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0) {
+                fail("cannot read standard input: %s", std::strerror(errno));
+                return false;
+            }
+            bytes->append(buf, static_cast<size_t>(n));
+        }
+        return true;
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        fail("cannot read %s: %s", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    if (in.bad()) {
+        fail("cannot read %s", path.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool write_output(Context &ctx, const std::string &path, const std::string &bytes)
+{
+    if (path == "-") {
+        if (std::fwrite(bytes.data(), 1, bytes.size(), ctx.out) != bytes.size() || std::fflush(ctx.out) != 0) {
+            fail("cannot write standard output: %s", std::strerror(errno));
+            return false;
+        }
+        return true;
+    }
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out || !out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush()) {
+        fail("cannot write %s: %s", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+} // namespace vexactl
