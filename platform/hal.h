@@ -8,6 +8,9 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <time.h>
+
+#include "vexasdk/peripherals.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -47,6 +50,62 @@ int hal_sys_write(const char *path, const char *text, int len);
 /* I2C register access; negative on failure. */
 int hal_i2c_reg_read(const char *path, uint8_t dev_addr, uint8_t reg_addr, uint8_t *out);
 int hal_i2c_reg_write(const char *path, uint8_t dev_addr, uint8_t reg_addr, uint8_t value);
+
+/* RTC alarms of the RTC device node dev: alarm 1 wakes the board for a boot,
+ * alarm 2 for a wake-up; times as the kernel's struct rtc_time. 0 or negative. */
+struct rtc_time;
+int hal_rtc_set_alarm1_enable(const char *dev, int enable);
+int hal_rtc_set_alarm2_enable(const char *dev, int enable);
+int hal_rtc_set_boot_time(const char *dev, const struct rtc_time *time);
+int hal_rtc_set_wake_time(const char *dev, const struct rtc_time *time);
+int hal_rtc_get_boot_time(const char *dev, struct rtc_time *time);
+int hal_rtc_get_wake_time(const char *dev, struct rtc_time *time);
+
+/* The kernel watchdog of wdt->dev. open arms it with a timeout in seconds and
+ * keeps the descriptor in wdt->fd; feed arms it when needed and feeds it once;
+ * feed_loop feeds it count times, wdt->interval seconds apart; test arms it
+ * and feeds it `feeds` times, then stops feeding so that it resets the board;
+ * close disarms the watchdog of a device path. 0 or negative. */
+int hal_watchdog_open(bi_watchdog_t *wdt, uint32_t timeout);
+int hal_watchdog_feed(bi_watchdog_t *wdt, uint32_t timeout);
+int hal_watchdog_feed_loop(bi_watchdog_t *wdt, uint32_t count);
+int hal_watchdog_test(bi_watchdog_t *wdt, uint32_t timeout, uint32_t feeds);
+int hal_watchdog_close(const char *dev);
+
+/* Product information, the USB device list ("BUS:DEV VID:PID NAME" a line,
+ * returns the number of devices), the CPU state and two test hooks. */
+int hal_info_set_product_info(const char *buffer);
+int hal_info_get_usb_list(char *buf, int32_t size);
+int hal_info_get_cpu_state(bi_cpu_state_t *state);
+int hal_info_test(int32_t value);
+int hal_info_test1(int32_t value);
+
+/* The hardware clock: fills *out (when not null) and returns it. */
+time_t show_clock(time_t *out);
+
+/* A mounted file system as df() lists it. Nodes come newest entry first, so
+ * the first node's index is the number of entries less one. The caller frees
+ * each node and its four texts with free(). */
+struct hal_filesystem_info {
+    int32_t index;
+    char *device;
+    char *mount_point;
+    char *type;
+    char *options;
+    int8_t freq;
+    int8_t passno;
+    uint32_t bsize, frsize, blocks, bfree, bavail, files, ffree, favail, fsid, flag, namemax;
+    struct hal_filesystem_info *next;
+};
+/* The mount of mount_point (index 0), or every mount when it is null; null
+ * on failure. */
+struct hal_filesystem_info *df(const char *mount_point);
+
+/* Processes: the ids (at most max) of the processes called name, and their
+ * records; the number found, or negative. kill ends a process: 0 or negative. */
+int hal_system_get_pid(const char *name, int32_t *pids, int32_t max);
+int hal_get_process_info_by_name(const char *name, bi_process_info_t *ps, int32_t max);
+int hal_system_kill_pid(int32_t pid);
 
 #ifdef __cplusplus
 }

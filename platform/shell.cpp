@@ -31,4 +31,37 @@ bool shell_args_safe(const char *tag, const char *func, std::initializer_list<co
     return true;
 }
 
+bool shell_command_safe(const char *tag, const char *func, const char *command)
+{
+    bool safe = command != nullptr && *command != '\0';
+    for (const char *p = command; safe && *p;) {
+        const char *end = std::strchr(p, ' ');
+        const size_t len = end ? static_cast<size_t>(end - p) : std::strlen(p);
+        char word[256];
+        if (len == 0 || len >= sizeof word) {
+            safe = false;
+            break;
+        }
+        std::memcpy(word, p, len);
+        word[len] = '\0';
+        safe = shell_word_safe(word);
+        p = end ? end + 1 : p + len;
+        if (end && *p == '\0')
+            safe = false; // a trailing blank
+    }
+    if (!safe)
+        VEXA_LOGE(tag, "%s: refusing shell metacharacters in \"%s\"\n", func,
+                  command ? command : "(null)");
+    return safe;
+}
+
+bool shell_not_option(const char *tag, const char *func, const char *arg)
+{
+    if (arg != nullptr && arg[0] == '-') {
+        VEXA_LOGE(tag, "%s: refusing option-like argument \"%s\"\n", func, arg);
+        return false;
+    }
+    return true;
+}
+
 } // namespace vexa

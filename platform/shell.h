@@ -16,6 +16,16 @@ bool shell_word_safe(const char *text);
 bool shell_args_safe(const char *tag, const char *func,
                      std::initializer_list<const char *> args);
 
+// For a whole command taken from configuration (a product INI's PHY state
+// command): true when it is words that each pass shell_word_safe, one blank
+// apart. Otherwise logs ERROR "<func>: refusing shell metacharacters in
+// \"<command>\"" under tag; the caller then runs nothing and returns -1.
+bool shell_command_safe(const char *tag, const char *func, const char *command);
+
+// For a caller's word that becomes an argument: false, after ERROR
+// "<func>: refusing option-like argument \"<arg>\"", when it starts with '-'.
+bool shell_not_option(const char *tag, const char *func, const char *arg);
+
 } // namespace vexa
 
 #endif

@@ -121,20 +121,20 @@ i2c_audio_1_enable = 0x01
 i2c_audio_1_disable = 0x00
 i2c_rtc_0_path = /dev/i2c-3
 i2c_rtc_0_device = 0x51
-i2c_rtc_0_status_addr = 0x00
+i2c_rtc_0_status_addr = 0x02
 i2c_clock_0_path = /dev/i2c-3
 i2c_clock_0_device = 0x68
 i2c_clock_0_status_addr = 0x0f
 
 [adc]
 adc_board_config_vref = 1.8
-adc_board_config_n = 1024
+adc_board_config_n = 10
 adc_board_id = /sys/bus/iio/devices/iio:device0/in_voltage1_raw
 adc_board_voltage = /sys/bus/iio/devices/iio:device0/in_voltage2_raw
 adc_board_voltage_r1 = 100000
 adc_board_voltage_r2 = 10000
 adc_board_temperature = /sys/bus/iio/devices/iio:device0/in_voltage3_raw
-adc_board_temperature_r1 = 10000
+adc_board_temperature_r1 = 10
 adc_board_temperature_vin = 1.8
 
 [lora]
@@ -153,8 +153,8 @@ hdmi_out_4_path = UNDEF
 
 [network]
 phy_num = 2
-phy1_state_cmd = cat /sys/class/net/eth0/carrier
-phy2_state_cmd = cat /sys/class/net/eth1/carrier
+phy1_state_cmd = /vendor/bin/phytool read eth0 0x1d 0x1f04
+phy2_state_cmd = /vendor/bin/phytool read eth1 0x1d 0x1f04
 phy3_state_cmd = UNDEF
 phy4_state_cmd = UNDEF
 

@@ -178,6 +178,244 @@ VEXA_API int32_t sdk_uart_close(int32_t fd);
 
 /* ---- end of serial ports ---- */
 
+
+/* ---- Fan level, ADC, RTC alarms, kernel watchdog and infrared ----------
+ *
+ * Fan (tag "vexa_system_bi_fan"): the cooling level ("gear", 0..10) of
+ * "/sys/class/thermal/cooling_device0/cur_state" and the value of
+ * "/proc/fan_arm". ADC (tag "vexa_system_bi_adc"): the board-id, input-voltage
+ * and temperature channels whose sysfs paths and resistor values come from
+ * the [adc] section of bi_product. RTC (tag "vexa_system_bi_rtc") and kernel
+ * watchdog (tag "vexa_system_bi_watchdog"): the device paths of the record
+ * (rtc_device, wdt_dev), handed to the platform with the caller's arguments.
+ * Infrared (tag "vexa_system_bi_infrared"): the IR blaster of
+ * "/sys/class/irblaster/irblaster0/" and the infrared wake switch of the
+ * low-power controller.
+ *
+ * Errors: -1 (-1.0 for the float results) for a missing record, path or
+ * device and for files that cannot be opened; -2 for fan files that cannot be
+ * read, formatted or written; the platform's own result for the RTC and
+ * watchdog operations.
+ *
+ * Threads: no locking. bi_watchdog_feed() keeps one context, parsed from the
+ * record on its first call and never refreshed (a reloaded record is not
+ * seen); call it from one thread.
+ */
+
+/* Sets the fan level: 0 written as its decimal text; -1 for a gear above 10
+ * (nothing is opened) or an open failure, -2 for a failed write. */
+VEXA_API int32_t bi_fan_level_set_state(uint32_t gear);
+/* The fan level 0..10; -1 when the file cannot be opened, -2 when it cannot be
+ * read or holds a value outside 0..10. */
+VEXA_API int32_t bi_fan_level_get_state(void);
+/* The value of "/proc/fan_arm" (0 or more); -1 or -2 as for the level. */
+VEXA_API int32_t bi_fan_level_get_prm(void);
+
+/* The raw value of the adc_board_id channel, or -1. */
+VEXA_API int32_t bi_adc_get_board_id(void);
+/* Vin = (R1 + R2) x Vref x raw / (2^n - 1) / R2 in volts, or -1.0. A channel
+ * that cannot be read gives raw -1, which is passed to the formula as the
+ * boards have always done. */
+VEXA_API float bi_adc_get_board_voltage(void);
+/* The thermistor's temperature (10 kOhm at 25 degrees C, beta 3380) in
+ * degrees C, from the divider of R1 and the supply Vin; or -1.0. */
+VEXA_API float bi_adc_get_board_temperature(void);
+
+/* The RTC alarms of the rtc_device node, as the kernel's struct rtc_time
+ * (include <linux/rtc.h>). Boot is alarm 1, wake alarm 2. The platform's
+ * result, or -1 when the record or the path is missing. */
+struct rtc_time;
+VEXA_API int32_t bi_rtc_set_boot_enable(int32_t enable);
+VEXA_API int32_t bi_rtc_set_wake_enable(int32_t enable);
+VEXA_API int32_t bi_rtc_set_boot_time(const struct rtc_time *time);
+VEXA_API int32_t bi_rtc_set_wake_time(const struct rtc_time *time);
+VEXA_API int32_t bi_rtc_get_boot_time(struct rtc_time *time);
+VEXA_API int32_t bi_rtc_get_wake_time(struct rtc_time *time);
+
+/* A kernel watchdog context: the device path, the timeout and the feed
+ * interval in seconds, then the platform's own storage (its descriptor). */
+typedef struct {
+    char dev[64];
+    uint32_t timeout;
+    uint32_t interval;
+    int32_t fd;
+    uint8_t reserved[28];
+} bi_watchdog_t;
+
+/* Fills wdt from the record: wdt_dev (an empty value gives "/dev/watchdog";
+ * a missing key gives "UNDEF", which is used as it stands and so fails at
+ * the device), wdt_timeout (61 or more, a missing key too, gives 10) and
+ * wdt_interval (61 or more gives 2). Without a record wdt is left as it is. */
+VEXA_API void bi_watchdog_parse(bi_watchdog_t *wdt);
+/* Pass-throughs to the platform's watchdog: arm with a timeout; feed count
+ * times; arm, feed `feeds` times and stop feeding (the board then resets);
+ * disarm the watchdog of a device path. The platform's result. */
+VEXA_API int32_t bi_watchdog_open(bi_watchdog_t *wdt, uint32_t timeout);
+VEXA_API int32_t bi_watchdog_feed_loop(bi_watchdog_t *wdt, uint32_t count);
+VEXA_API int32_t bi_watchdog_test(bi_watchdog_t *wdt, uint32_t timeout, uint32_t feeds);
+VEXA_API int32_t bi_watchdog_close(const char *dev);
+/* Feeds the watchdog of the record (context parsed on the first call). */
+VEXA_API int32_t bi_watchdog_feed(void);
+
+/* Sends the fixed infrared code (38 kHz carrier, duty 50, one pattern of 68
+ * durations); 0 or -1. */
+VEXA_API int32_t bi_infrared_write(void);
+/* The low-power controller's infrared wake switch: disable non-zero writes
+ * "disable", 0 writes "enable"; 0, or -1 when the file cannot be opened.
+ * get: 0 enabled, 1 disabled, -1 for unreadable or unknown text. */
+VEXA_API int32_t bi_set_irstatus_pz2k(int32_t disable);
+VEXA_API int32_t bi_get_irstatus_pz2k(void);
+
+/* ---- end of fan, ADC, RTC, watchdog and infrared ---- */
+
+/* ---- Audio codec, volume and I2C chip state ---------------------------
+ *
+ * Two audio codecs (i2c_audio_0_*, i2c_audio_1_*), an RTC chip (i2c_rtc_0_*)
+ * and a clock chip (i2c_clock_0_*) on I2C buses, as described by the [i2c]
+ * section of bi_product. Every access is one register read or write through
+ * the platform. Log tag "vexa_system_bi_i2c".
+ *
+ * Errors: -1 after an error line for a missing record, bus path or address
+ * (a field of 0 is "not set") and for failed register reads; the platform's
+ * result for the pass-through accesses and the final writes.
+ *
+ * Threads: no locking. Two callers changing the same codec's volume at once
+ * may interleave the read-modify-write of its channel register.
+ */
+
+/* Pass-throughs of one register access; the platform's result. */
+VEXA_API int32_t bi_i2c_reg_write(const char *path, uint8_t dev_addr, uint8_t reg_addr,
+                                  uint8_t value);
+VEXA_API int32_t bi_i2c_reg_read(const char *path, uint8_t dev_addr, uint8_t reg_addr,
+                                 uint8_t *out);
+/* The codec's attenuation for a volume percentage: 0 mutes (0xff), 1 counts
+ * as 2, 100 and more (or negative) give 0, else |30 ln(volume/100)| capped at
+ * 0xc0. Writes *out_reg and returns 0. */
+VEXA_API int32_t bi_volume_to_codec_reg(int32_t volume, uint8_t *out_reg);
+/* Writes the codec's enable (enable non-zero) or disable value to its enable
+ * register. index 0 or 1. */
+VEXA_API int32_t bi_i2c_set_audio_enable(uint32_t index, int32_t enable);
+/* 1 when the codec's enable register holds codec 0's enable value (for both
+ * codecs, as the boards have always compared), 0 when not, -1 on failure. */
+VEXA_API int32_t bi_i2c_get_audio_enable(uint32_t index);
+/* Sets bit 2 of the channel register, then writes the converted volume to
+ * the volume register; the last write's result or -1. */
+VEXA_API int32_t bi_i2c_set_video_inputsrc_volume(uint32_t index, int32_t volume);
+/* The raw volume register (0..255, not converted back to a percentage), -1. */
+VEXA_API int32_t bi_i2c_get_video_inputsrc_volume(uint32_t index);
+/* 0 when the codec's status register has bit 4 clear and bit 5 set, else -1. */
+VEXA_API int32_t bi_i2c_get_audio_state(uint32_t index);
+/* Bit 7 of the RTC chip's status register (1 or 0), -1. Index 0 only. */
+VEXA_API int32_t bi_i2c_get_rtc_state(uint32_t index);
+/* 0 when the clock chip's status register reads 0x81, else -1. Index 0 only. */
+VEXA_API int32_t bi_i2c_get_clock_chip_state(uint32_t index);
+
+/* ---- end of audio codec and I2C chip state ---- */
+
+/* ---- System information and processes --------------------------------
+ *
+ * Product information, CPU state, USB list, the hardware clock, memory and
+ * load figures, mounted file systems and their usage, the size of the main
+ * storage device ("/sys/block/mmcblk2/size"), and processes. Log tags
+ * "vexa_system_bi_info" and, for processes, "vexa_system_bi_kill_process".
+ *
+ * Errors: -1 with the messages of each operation (-2 for a failed mount
+ * query); the platform's result for the pass-throughs.
+ *
+ * Threads: no locking; each call is self-contained.
+ */
+
+/* Size of the product information record. */
+#define BI_PRODUCT_INFO_SIZE 2048
+
+/* The CPU as the platform reports it. */
+typedef struct {
+    int32_t temperature; /* thousandths of a degree C */
+    float usage;         /* percent busy since the previous reading, 0..100 */
+    int32_t cores;       /* cores online */
+    int32_t freq_khz;    /* current frequency of core 0 */
+} bi_cpu_state_t;
+
+/* A process as the platform reports it. */
+typedef struct {
+    int32_t pid;
+    int32_t ppid;
+    int32_t uid;
+    char state; /* R, S, D, Z, T */
+    char name[64];
+    uint64_t rss_kb;
+} bi_process_info_t;
+
+/* System figures, as the operating system's sysinfo record holds them
+ * (memory in units of mem_unit bytes). */
+typedef struct {
+    int64_t uptime;
+    uint64_t loads[3];
+    uint64_t totalram, freeram, sharedram, bufferram, totalswap, freeswap;
+    uint16_t procs;
+    uint64_t totalhigh, freehigh;
+    uint32_t mem_unit;
+} bi_sys_info_t;
+
+/* A mounted file system: four texts (at most 127 characters, terminated),
+ * backup frequency and fsck order, then statvfs's figures. */
+typedef struct {
+    char device[128];
+    char mount_point[128];
+    char type[128];
+    char options[128];
+    int8_t freq;
+    int8_t passno;
+    uint64_t bsize, frsize, blocks, bfree, bavail, files, ffree, favail, fsid, flag, namemax;
+} bi_mnt_info_t;
+
+/* The largest entry number the mount listings write: an entry the platform
+ * numbers BI_MNT_INFO_MAX or more is skipped with an error line rather than
+ * written past any array. */
+#define BI_MNT_INFO_MAX 64
+
+/* Zeroes buf (BI_PRODUCT_INFO_SIZE bytes) and fills it from the platform; the
+ * platform's result, -1 for a null buf. The module id is the decimal text at
+ * byte 64. */
+VEXA_API int32_t bi_info_get_product_info(char *buf);
+/* Pass-throughs; the platform's result. set takes a whole record. */
+VEXA_API int32_t bi_info_set_product_info(const char *buf);
+/* The USB devices, one "BUS:DEV VID:PID NAME" line each, into buf (size
+ * bytes, terminated); the number of devices. */
+VEXA_API int32_t bi_info_get_usb_list(char *buf, int32_t size);
+VEXA_API int32_t bi_info_get_cpu_state(bi_cpu_state_t *state);
+VEXA_API int32_t bi_info_test(int32_t value);
+VEXA_API int32_t bi_info_test1(int32_t value);
+/* fpga_protocol_type of the record: 0 or 1, else -1. */
+VEXA_API int32_t bi_info_get_protocol_type(void);
+/* The hardware clock in seconds since the epoch. */
+VEXA_API int64_t bi_info_get_hw_clock(void);
+/* Fills rec from sysinfo; 0 or -1. */
+VEXA_API int32_t bi_info_get_sys_info(bi_sys_info_t *rec);
+/* The number of mounted file systems into *count; 0 or -1. */
+VEXA_API int32_t bi_info_get_all_mnt_num(int32_t *count);
+/* The mount of mount_point into entries[0] (the platform numbers a single
+ * mount 0); every mount into entries[i] by its number (entries must hold
+ * bi_info_get_all_mnt_num() entries, at most BI_MNT_INFO_MAX). 0, -1 for a
+ * null array, -2 when the platform finds nothing. */
+VEXA_API int32_t bi_info_get_special_mnt_info(const char *mount_point, bi_mnt_info_t *entries);
+VEXA_API int32_t bi_info_get_all_mnt_info(bi_mnt_info_t *entries);
+/* The main storage's nominal size in GB (2, 4, ... 256, or the size itself
+ * above 256) into *size; 0 or -1. */
+VEXA_API int32_t bi_info_read_total_disk_size(double *size);
+
+/* The ids of the processes called name (at most max) into pids; the number
+ * found, -1 for a null name. */
+VEXA_API int32_t bi_kill_get_process_num(const char *name, int32_t *pids, int32_t max);
+/* Their records (at most max) into ps; the number found, -1 for a null name
+ * or ps. */
+VEXA_API int32_t bi_get_process_info_by_name(const char *name, bi_process_info_t *ps,
+                                             int32_t max);
+/* Ends the process pid; the platform's result. */
+VEXA_API int32_t bi_kill_process_num(int32_t pid);
+
+/* ---- end of system information and processes ---- */
+
 VEXA_EXTERN_C_END
 
 #endif

@@ -32,7 +32,7 @@ TEST_F(LoaderTest, FillsTheRecordFromTheDefaultBoard)
     EXPECT_EQ(p.adc_board_voltage.r1, 100000);
     EXPECT_STREQ(p.usb_path[3], "/sys/class/vexagpios/USB4_EN/value");
     EXPECT_STREQ(p.hdmi_out_path[1], "/sys/class/drm/card0-HDMI-A-2/status");
-    EXPECT_STREQ(p.phy_state_cmd[1], "cat /sys/class/net/eth1/carrier");
+    EXPECT_STREQ(p.phy_state_cmd[1], "/vendor/bin/phytool read eth1 0x1d 0x1f04");
     EXPECT_EQ(p.external_relay_num, 4);
     EXPECT_EQ(p.watchdog.wdt_timeout, 10u);
 
@@ -55,7 +55,7 @@ TEST_F(LoaderTest, FillsTheRecordFromTheDefaultBoard)
                             "I/vexa_system_bi_common: audio_0.path:/dev/i2c-1 audio_0.device_addr:0x1a audio_0.type:1",
                             "I/vexa_system_bi_common: audio_1.path:/dev/i2c-2 audio_1.device_addr:0x1b audio_1.type:1",
                             "I/vexa_system_bi_common: rtc_0.path:/dev/i2c-3 rtc_0.device_addr:0x51 "
-                            "rtc_0.status_addr:0x0"));
+                            "rtc_0.status_addr:0x2"));
 }
 
 TEST_F(LoaderTest, MissingKeysReadAsMinusOneUndefAndAllOnes)

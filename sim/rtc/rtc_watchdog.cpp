@@ -1,0 +1,291 @@
+// The board's hal_rtc_* and hal_watchdog_* calls and the models behind them.
+#include "sim/rtc/rtc_watchdog.h"
+
+#include <linux/rtc.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <sstream>
+
+#include "platform/hal.h"
+#include "platform/os.h"
+#include "sim/state.h"
+
+namespace vexa::sim {
+namespace {
+
+using Values = std::map<std::string, std::string>; // "DEV KEY" -> value
+
+Values load(const Board::State &s, const char *file)
+{
+    Values v;
+    std::istringstream in(read_state(s, file));
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto eq = line.find('=');
+        if (eq != std::string::npos)
+            v[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    return v;
+}
+
+void save(const Board::State &s, const char *file, const Values &v)
+{
+    std::string text;
+    for (const auto &[key, value] : v)
+        text += key + "=" + value + "\n";
+    write_state(s, file, text);
+}
+
+bool node_exists(const Board::State &s, const std::string &dev)
+{
+    return !dev.empty() && dev[0] == '/' && dev.find("..") == std::string::npos &&
+           ::access(s.host_path(dev).c_str(), F_OK) == 0;
+}
+
+// "set DEV KEY VALUE" -> "ok"; "get DEV KEY" -> "ok VALUE"; "add DEV KEY N";
+// "err" for a device that does not exist.
+std::string serve(Board::State &s, const char *file, const std::string &request)
+{
+    std::istringstream words(request);
+    std::string op, dev, key, value;
+    words >> op >> dev >> key;
+    std::getline(words, value);
+    if (!value.empty() && value[0] == ' ')
+        value.erase(0, 1);
+    if (!node_exists(s, dev))
+        return "err";
+    return with_board_lock(s, [&]() -> std::string {
+        Values v = load(s, file);
+        const std::string k = dev + " " + key;
+        if (op == "get")
+            return "ok " + v[k];
+        if (op == "set")
+            v[k] = value;
+        else if (op == "add")
+            v[k] = std::to_string(std::atol(v[k].c_str()) + std::atol(value.c_str()));
+        else
+            return "err";
+        save(s, file, v);
+        return "ok";
+    });
+}
+
+std::string format_time(const struct rtc_time *t)
+{
+    char text[64];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t->tm_year + 1900,
+                  t->tm_mon + 1, t->tm_mday, t->tm_hour, t->tm_min, t->tm_sec);
+    return text;
+}
+
+bool parse_time(const std::string &text, struct rtc_time *t)
+{
+    int y, mo, d, h, mi, sec;
+    if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d", &y, &mo, &d, &h, &mi, &sec) != 6)
+        return false;
+    std::memset(t, 0, sizeof *t);
+    t->tm_year = y - 1900;
+    t->tm_mon = mo - 1;
+    t->tm_mday = d;
+    t->tm_hour = h;
+    t->tm_min = mi;
+    t->tm_sec = sec;
+    return true;
+}
+
+std::string value_of(const Board &board, const char *service, const std::string &dev,
+                     const std::string &key)
+{
+    const auto reply = board.call(service, "get " + dev + " " + key);
+    return reply && reply->rfind("ok ", 0) == 0 ? reply->substr(3) : "";
+}
+
+} // namespace
+
+std::string rtc_state(const Board &board, const std::string &dev, const std::string &key)
+{
+    return value_of(board, "rtc", dev, key);
+}
+
+std::string watchdog_state(const Board &board, const std::string &dev, const std::string &key)
+{
+    return value_of(board, "watchdog", dev, key);
+}
+
+} // namespace vexa::sim
+
+using namespace vexa::sim;
+
+VEXA_SIM_SEEDER(rtc_watchdog)
+{
+    board.write_file("/dev/rtc0", "");
+    board.write_file("/dev/watchdog", "");
+}
+
+VEXA_SIM_ATTACHER(rtc_watchdog)
+{
+    std::weak_ptr<Board::State> weak = attached();
+    for (const char *name : {"rtc", "watchdog"}) {
+        board.serve(name, [weak, name](const std::string &req) -> std::string {
+            auto s = weak.lock();
+            return s ? serve(*s, name, req) : "err";
+        });
+    }
+}
+
+namespace {
+
+// Sends a request to the rtc or watchdog service: 0, or -1 with errno ENOENT
+// when the device does not exist.
+int ask(Board::State &s, const char *service, const std::string &request, std::string *value = nullptr)
+{
+    const auto reply = call_service(s, service, request);
+    if (!reply || reply->rfind("ok", 0) != 0) {
+        errno = ENOENT;
+        return -1;
+    }
+    if (value)
+        *value = reply->size() > 3 ? reply->substr(3) : "";
+    return 0;
+}
+
+std::string dev_of(const char *dev) { return dev ? dev : ""; }
+
+} // namespace
+
+#define RTC_CALL(name)                                                                             \
+    VEXA_SIM_ATTACHED_OR(-1);                                                                      \
+    VEXA_SIM_FAULT(name, dev_of(dev), int)
+
+extern "C" int hal_rtc_set_alarm1_enable(const char *dev, int enable)
+{
+    RTC_CALL("hal_rtc_set_alarm1_enable");
+    return ask(s, "rtc", "set " + dev_of(dev) + " alarm1_enable " + (enable ? "1" : "0"));
+}
+
+extern "C" int hal_rtc_set_alarm2_enable(const char *dev, int enable)
+{
+    RTC_CALL("hal_rtc_set_alarm2_enable");
+    return ask(s, "rtc", "set " + dev_of(dev) + " alarm2_enable " + (enable ? "1" : "0"));
+}
+
+extern "C" int hal_rtc_set_boot_time(const char *dev, const struct rtc_time *time)
+{
+    RTC_CALL("hal_rtc_set_boot_time");
+    if (!time) {
+        errno = EINVAL;
+        return -1;
+    }
+    return ask(s, "rtc", "set " + dev_of(dev) + " boot_time " + format_time(time));
+}
+
+extern "C" int hal_rtc_set_wake_time(const char *dev, const struct rtc_time *time)
+{
+    RTC_CALL("hal_rtc_set_wake_time");
+    if (!time) {
+        errno = EINVAL;
+        return -1;
+    }
+    return ask(s, "rtc", "set " + dev_of(dev) + " wake_time " + format_time(time));
+}
+
+static int get_time(Board::State &s, const char *dev, const char *key, struct rtc_time *time)
+{
+    if (!time) {
+        errno = EINVAL;
+        return -1;
+    }
+    std::string text;
+    if (ask(s, "rtc", "get " + dev_of(dev) + " " + key, &text) < 0)
+        return -1;
+    if (!parse_time(text, time)) {
+        errno = ENOENT; // no alarm set
+        return -1;
+    }
+    return 0;
+}
+
+extern "C" int hal_rtc_get_boot_time(const char *dev, struct rtc_time *time)
+{
+    RTC_CALL("hal_rtc_get_boot_time");
+    return get_time(s, dev, "boot_time", time);
+}
+
+extern "C" int hal_rtc_get_wake_time(const char *dev, struct rtc_time *time)
+{
+    RTC_CALL("hal_rtc_get_wake_time");
+    return get_time(s, dev, "wake_time", time);
+}
+
+#define WDT_CALL(name)                                                                             \
+    VEXA_SIM_ATTACHED_OR(-1);                                                                      \
+    VEXA_SIM_FAULT(name, wdt ? std::string(wdt->dev) : std::string(), int);                        \
+    if (!wdt) {                                                                                    \
+        errno = EINVAL;                                                                            \
+        return -1;                                                                                 \
+    }                                                                                              \
+    const std::string dev = std::string(wdt->dev, strnlen(wdt->dev, sizeof wdt->dev))
+
+static int arm(Board::State &s, bi_watchdog_t *wdt, const std::string &dev, uint32_t timeout)
+{
+    if (ask(s, "watchdog", "set " + dev + " open 1") < 0)
+        return -1;
+    ask(s, "watchdog", "set " + dev + " timeout " + std::to_string(timeout));
+    wdt->timeout = timeout;
+    if (wdt->fd <= 0)
+        wdt->fd = 3; // the platform's own mark that the device is open
+    return 0;
+}
+
+extern "C" int hal_watchdog_open(bi_watchdog_t *wdt, uint32_t timeout)
+{
+    WDT_CALL("hal_watchdog_open");
+    return arm(s, wdt, dev, timeout);
+}
+
+extern "C" int hal_watchdog_feed(bi_watchdog_t *wdt, uint32_t timeout)
+{
+    WDT_CALL("hal_watchdog_feed");
+    if (arm(s, wdt, dev, timeout) < 0)
+        return -1;
+    return ask(s, "watchdog", "add " + dev + " feeds 1");
+}
+
+extern "C" int hal_watchdog_feed_loop(bi_watchdog_t *wdt, uint32_t count)
+{
+    WDT_CALL("hal_watchdog_feed_loop");
+    if (arm(s, wdt, dev, wdt->timeout ? wdt->timeout : 10) < 0)
+        return -1;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (i > 0)
+            vexa::os::sleep_us(static_cast<uint64_t>(wdt->interval ? wdt->interval : 1) * 1000000);
+        ask(s, "watchdog", "add " + dev + " feeds 1");
+    }
+    return 0;
+}
+
+extern "C" int hal_watchdog_test(bi_watchdog_t *wdt, uint32_t timeout, uint32_t feeds)
+{
+    WDT_CALL("hal_watchdog_test");
+    if (arm(s, wdt, dev, timeout) < 0)
+        return -1;
+    for (uint32_t i = 0; i < feeds; ++i)
+        ask(s, "watchdog", "add " + dev + " feeds 1");
+    // Nobody feeds it any more: after its timeout it resets the board.
+    vexa::os::sleep_us(static_cast<uint64_t>(timeout) * 1000000);
+    ask(s, "watchdog", "set " + dev + " expired 1");
+    append_state(s, "reboots", "watchdog");
+    return 0;
+}
+
+extern "C" int hal_watchdog_close(const char *dev)
+{
+    VEXA_SIM_ATTACHED_OR(-1);
+    VEXA_SIM_FAULT("hal_watchdog_close", dev_of(dev), int);
+    return ask(s, "watchdog", "set " + dev_of(dev) + " open 0");
+}
