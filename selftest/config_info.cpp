@@ -9,6 +9,7 @@
 
 #include "platform/android.h"
 #include "platform/hal.h"
+#include "vexasdk/peripherals.h"
 #include "platform/log.h"
 #include "vexasdk/product_config.h"
 #include "vexasdk/selftest.h"
@@ -101,7 +102,7 @@ extern "C" VEXA_API int32_t parseConfigInfo(void)
     bi_init_product_config();
 
     char info[HAL_PRODUCT_INFO_SIZE + 1] = {};
-    if (hal_info_get_product_info(info) < 0) {
+    if (bi_info_get_product_info(info) < 0) {
         VEXA_LOGE(kTag, "%s:parse product info failed!", __func__);
         return -1;
     }
