@@ -1,0 +1,278 @@
+// Board peripherals: fan, adc, rtc, watchdog, ir, audio, volume, chips.
+#include <linux/rtc.h>
+
+#include <cstring>
+#include <string>
+
+#include "tools/vexactl/command.h"
+#include "vexasdk/peripherals.h"
+
+namespace vexactl {
+namespace {
+
+// Prints one value, or {"NAME": value} with --json.
+int print_number(Context &ctx, const char *name, double value, bool integer = true)
+{
+    if (ctx.json) {
+        cJSON *item = cJSON_CreateObject();
+        cJSON_AddNumberToObject(item, name, value);
+        print_json(ctx, item);
+    } else if (integer) {
+        std::fprintf(ctx.out, "%ld\n", static_cast<long>(value));
+    } else {
+        std::fprintf(ctx.out, "%.2f\n", value);
+    }
+    return 0;
+}
+
+int run_fan(Context &ctx, const Args &args)
+{
+    const Command &command = command_named("fan");
+    ctx.load_config();
+    if (args.empty() || args[0] == "get") {
+        const int32_t gear = bi_fan_level_get_state();
+        return gear < 0 ? fail("cannot read the fan level (%d); see 'vexactl log'", gear)
+                        : print_number(ctx, "gear", gear);
+    }
+    if (args[0] == "prm" && args.size() == 1) {
+        const int32_t value = bi_fan_level_get_prm();
+        return value < 0 ? fail("cannot read /proc/fan_arm (%d); see 'vexactl log'", value)
+                         : print_number(ctx, "fan_arm", value);
+    }
+    long gear = 0;
+    if (args[0] != "set" || args.size() != 2 || !parse_int(args[1], &gear))
+        return usage_error(command, "expected get, set N or prm");
+    if (gear < 0 || gear > 10)
+        return usage_error(command, "the fan level is 0 to 10");
+    const int32_t rc = bi_fan_level_set_state(static_cast<uint32_t>(gear));
+    return rc != 0 ? fail("setting the fan level failed (%d); see 'vexactl log'", rc) : 0;
+}
+
+VEXACTL_COMMAND(fan, {"fan", "[get | set N | prm]", "Read or set the fan level (0-10)",
+                      "The cooling state of /sys/class/thermal/cooling_device0/cur_state;\n"
+                      "prm reads /proc/fan_arm.",
+                      run_fan});
+
+int run_adc(Context &ctx, const Args &args)
+{
+    if (!args.empty())
+        return usage_error(command_named("adc"), "takes no arguments");
+    ctx.load_config();
+    const int32_t id = bi_adc_get_board_id();
+    const float volts = bi_adc_get_board_voltage();
+    const float degrees = bi_adc_get_board_temperature();
+    if (ctx.json) {
+        cJSON *item = cJSON_CreateObject();
+        cJSON_AddNumberToObject(item, "board_id", id);
+        cJSON_AddNumberToObject(item, "voltage", volts);
+        cJSON_AddNumberToObject(item, "temperature", degrees);
+        print_json(ctx, item);
+    } else {
+        std::fprintf(ctx.out, "board id:    %d\nvoltage:     %.2f V\ntemperature: %.1f C\n", id, volts,
+                     degrees);
+    }
+    return id < 0 || volts < 0 ? 1 : 0;
+}
+
+VEXACTL_COMMAND(adc, {"adc", "", "Show the board id, input voltage and temperature from the ADC", "",
+                      run_adc});
+
+// "YYYY-MM-DD HH:MM:SS" into a struct rtc_time.
+bool parse_time(const std::string &date, const std::string &clock, struct rtc_time *t)
+{
+    std::memset(t, 0, sizeof *t);
+    int y, mo, d, h, mi, s;
+    char tail;
+    if (std::sscanf(date.c_str(), "%d-%d-%d%c", &y, &mo, &d, &tail) != 3 ||
+        std::sscanf(clock.c_str(), "%d:%d:%d%c", &h, &mi, &s, &tail) != 3)
+        return false;
+    if (mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 59 || h < 0 || mi < 0 || s < 0)
+        return false;
+    t->tm_year = y - 1900;
+    t->tm_mon = mo - 1;
+    t->tm_mday = d;
+    t->tm_hour = h;
+    t->tm_min = mi;
+    t->tm_sec = s;
+    return true;
+}
+
+std::string format_time(const struct rtc_time &t)
+{
+    char text[80];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900, t.tm_mon + 1,
+                  t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+    return text;
+}
+
+int run_rtc(Context &ctx, const Args &args)
+{
+    const Command &command = command_named("rtc");
+    ctx.load_config();
+    if (args.empty()) {
+        Table t({"alarm", "time"});
+        struct rtc_time boot {}, wake {};
+        t.row({"boot", bi_rtc_get_boot_time(&boot) == 0 ? format_time(boot) : "-"});
+        t.row({"wake", bi_rtc_get_wake_time(&wake) == 0 ? format_time(wake) : "-"});
+        t.print(ctx);
+        return 0;
+    }
+    if (args.size() < 2 || (args[0] != "boot" && args[0] != "wake"))
+        return usage_error(command, "expected boot|wake on|off|YYYY-MM-DD HH:MM:SS");
+    const bool boot = args[0] == "boot";
+    int32_t rc;
+    if (args.size() == 2 && (args[1] == "on" || args[1] == "off")) {
+        rc = boot ? bi_rtc_set_boot_enable(args[1] == "on") : bi_rtc_set_wake_enable(args[1] == "on");
+    } else {
+        struct rtc_time t {};
+        if (args.size() != 3 || !parse_time(args[1], args[2], &t))
+            return usage_error(command, "a time is YYYY-MM-DD HH:MM:SS");
+        rc = boot ? bi_rtc_set_boot_time(&t) : bi_rtc_set_wake_time(&t);
+    }
+    return rc != 0 ? fail("the RTC refused (%d); see 'vexactl log'", rc) : 0;
+}
+
+VEXACTL_COMMAND(rtc, {"rtc", "[boot|wake on|off | boot|wake YYYY-MM-DD HH:MM:SS]",
+                      "Show or set the RTC's boot and wake alarms", "", run_rtc});
+
+int run_watchdog(Context &ctx, const Args &args)
+{
+    const Command &command = command_named("watchdog");
+    ctx.load_config();
+    bi_watchdog_t w{};
+    w.fd = -1;
+    bi_watchdog_parse(&w);
+    int32_t rc;
+    if (args.size() == 1 && args[0] == "open")
+        rc = bi_watchdog_open(&w, w.timeout);
+    else if (args.size() == 1 && args[0] == "feed")
+        rc = bi_watchdog_feed();
+    else if (args.size() == 1 && args[0] == "close")
+        rc = bi_watchdog_close(w.dev);
+    else
+        return usage_error(command, "expected open, feed or close");
+    if (rc != 0)
+        return fail("watchdog %s on %s failed (%d); see 'vexactl log'", args[0].c_str(), w.dev, rc);
+    return 0;
+}
+
+VEXACTL_COMMAND(watchdog, {"watchdog", "open|feed|close",
+                           "Arm, feed or disarm the kernel watchdog of the product record", "", run_watchdog});
+
+int run_ir(Context &ctx, const Args &args)
+{
+    const Command &command = command_named("ir");
+    ctx.load_config();
+    if (args.size() == 1 && args[0] == "send") {
+        const int32_t rc = bi_infrared_write();
+        return rc != 0 ? fail("sending the infrared code failed; see 'vexactl log'") : 0;
+    }
+    if (args.empty() || args[0] != "status" || args.size() > 2)
+        return usage_error(command, "expected send or status [enable|disable]");
+    if (args.size() == 2) {
+        if (args[1] != "enable" && args[1] != "disable")
+            return usage_error(command, "the wake switch is enable or disable");
+        if (bi_set_irstatus_pz2k(args[1] == "disable") != 0)
+            return fail("cannot set the infrared wake switch; see 'vexactl log'");
+        return 0;
+    }
+    const int32_t state = bi_get_irstatus_pz2k();
+    if (state < 0)
+        return fail("cannot read the infrared wake switch; see 'vexactl log'");
+    if (ctx.json) {
+        cJSON *item = cJSON_CreateObject();
+        cJSON_AddStringToObject(item, "status", state == 0 ? "enable" : "disable");
+        print_json(ctx, item);
+    } else {
+        std::fprintf(ctx.out, "%s\n", state == 0 ? "enable" : "disable");
+    }
+    return 0;
+}
+
+VEXACTL_COMMAND(ir, {"ir", "send | status [enable|disable]",
+                     "Send the infrared code, or read or set the infrared wake switch", "", run_ir});
+
+bool parse_codec(const std::string &text, uint32_t *index)
+{
+    long v = 0;
+    if (!parse_int(text, &v) || v < 0 || v > 1)
+        return false;
+    *index = static_cast<uint32_t>(v);
+    return true;
+}
+
+int run_audio(Context &ctx, const Args &args)
+{
+    const Command &command = command_named("audio");
+    uint32_t index = 0;
+    if (args.size() != 2 || !parse_codec(args[0], &index))
+        return usage_error(command, "expected N (0 or 1) enable|disable|get");
+    ctx.load_config();
+    if (args[1] == "enable" || args[1] == "disable") {
+        const int32_t rc = bi_i2c_set_audio_enable(index, args[1] == "enable");
+        return rc != 0 ? fail("codec %u did not take it (%d); see 'vexactl log'", index, rc) : 0;
+    }
+    if (args[1] != "get")
+        return usage_error(command, "expected enable, disable or get");
+    const int32_t on = bi_i2c_get_audio_enable(index);
+    if (on < 0)
+        return fail("cannot read codec %u; see 'vexactl log'", index);
+    if (ctx.json) {
+        cJSON *item = cJSON_CreateObject();
+        cJSON_AddBoolToObject(item, "enabled", on == 1);
+        print_json(ctx, item);
+    } else {
+        std::fprintf(ctx.out, "%s\n", on ? "enabled" : "disabled");
+    }
+    return 0;
+}
+
+VEXACTL_COMMAND(audio, {"audio", "N enable|disable|get", "Switch or read audio codec N's output", "",
+                        run_audio});
+
+int run_volume(Context &ctx, const Args &args)
+{
+    const Command &command = command_named("volume");
+    uint32_t index = 0;
+    if (args.empty() || !parse_codec(args[0], &index))
+        return usage_error(command, "expected N (0 or 1) [set PERCENT]");
+    ctx.load_config();
+    if (args.size() == 1) {
+        const int32_t reg = bi_i2c_get_video_inputsrc_volume(index);
+        return reg < 0 ? fail("cannot read codec %u's volume; see 'vexactl log'", index)
+                       : print_number(ctx, "register", reg);
+    }
+    long percent = 0;
+    if (args.size() != 3 || args[1] != "set" || !parse_int(args[2], &percent))
+        return usage_error(command, "expected N set PERCENT");
+    if (percent < 0 || percent > 100)
+        return usage_error(command, "the volume is 0 to 100 percent");
+    const int32_t rc = bi_i2c_set_video_inputsrc_volume(index, static_cast<int32_t>(percent));
+    return rc != 0 ? fail("setting codec %u's volume failed (%d); see 'vexactl log'", index, rc) : 0;
+}
+
+VEXACTL_COMMAND(volume, {"volume", "N [set PERCENT]",
+                         "Read codec N's volume register, or set the video input's volume",
+                         "The register is the codec's attenuation: 0 is loudest, 0xff mutes.", run_volume});
+
+int run_chips(Context &ctx, const Args &args)
+{
+    if (!args.empty())
+        return usage_error(command_named("chips"), "takes no arguments");
+    ctx.load_config();
+    auto state = [](int32_t v, int32_t good) { return v < 0 && good >= 0 ? "error" : (v == good ? "ok" : "fault"); };
+    Table t({"chip", "state"});
+    t.row({"codec 0", bi_i2c_get_audio_state(0) == 0 ? "ok" : "fault"});
+    t.row({"codec 1", bi_i2c_get_audio_state(1) == 0 ? "ok" : "fault"});
+    const int32_t rtc = bi_i2c_get_rtc_state(0);
+    t.row({"rtc", rtc < 0 ? "error" : (rtc == 0 ? "ok" : "clock lost")});
+    t.row({"clock", state(bi_i2c_get_clock_chip_state(0), 0)});
+    t.print(ctx);
+    return 0;
+}
+
+VEXACTL_COMMAND(chips, {"chips", "", "Show the states of the audio codecs, the RTC chip and the clock chip",
+                        "", run_chips});
+
+} // namespace
+} // namespace vexactl
