@@ -33,8 +33,7 @@ int run_info(Context &ctx, const Args &args)
     const uint64_t unit = si.mem_unit ? si.mem_unit : 1;
     Table t({"mount", "device", "type", "size_mb", "free_mb"});
     for (const auto &m : mounts)
-        t.row({m.mount_point, m.device, m.type, std::to_string(m.blocks * m.frsize >> 20),
-               std::to_string(m.bavail * m.frsize >> 20)});
+        t.row({m.mount_point, m.device, m.type, m.blocks * m.frsize >> 20, m.bavail * m.frsize >> 20});
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
         cJSON_AddStringToObject(item, "product", have_product ? name.c_str() : "");
@@ -76,8 +75,7 @@ int run_ps(Context &ctx, const Args &args)
         return fail("cannot list processes (%d); see 'vexactl log'", n);
     Table t({"pid", "ppid", "uid", "state", "rss_kb", "name"});
     for (int32_t i = 0; i < n && i < 64; ++i)
-        t.row({std::to_string(ps[i].pid), std::to_string(ps[i].ppid), std::to_string(ps[i].uid),
-               std::string(1, ps[i].state), std::to_string(ps[i].rss_kb), ps[i].name});
+        t.row({ps[i].pid, ps[i].ppid, ps[i].uid, std::string(1, ps[i].state), ps[i].rss_kb, ps[i].name});
     t.print(ctx);
     return n > 0 ? 0 : 1;
 }
@@ -87,12 +85,12 @@ VEXACTL_COMMAND(ps, {"ps", "NAME", "List the processes called NAME", "Exit statu
 
 int run_kill(Context &ctx, const Args &args)
 {
-    long pid = 0;
-    if (args.size() != 1 || !parse_int(args[0], &pid) || pid <= 0 || pid > INT32_MAX)
+    if (args.size() != 1)
         return usage_error(command_named("kill"), "expected a process id");
+    const long long pid = number_operand(args[0], "the process id", 1, INT32_MAX);
     ctx.load_config();
     const int32_t rc = bi_kill_process_num(static_cast<int32_t>(pid));
-    return rc != 0 ? fail("no process %ld", pid) : 0;
+    return rc != 0 ? fail("no process %lld", pid) : 0;
 }
 
 VEXACTL_COMMAND(kill, {"kill", "PID", "End a process of the board", "", run_kill});

@@ -39,11 +39,9 @@ int run_fan(Context &ctx, const Args &args)
         return value < 0 ? fail("cannot read /proc/fan_arm (%d); see 'vexactl log'", value)
                          : print_number(ctx, "fan_arm", value);
     }
-    long gear = 0;
-    if (args[0] != "set" || args.size() != 2 || !parse_int(args[1], &gear))
+    if (args[0] != "set" || args.size() != 2)
         return usage_error(command, "expected get, set N or prm");
-    if (gear < 0 || gear > 10)
-        return usage_error(command, "the fan level is 0 to 10");
+    const long long gear = number_operand(args[1], "the fan level", 0, 10);
     const int32_t rc = bi_fan_level_set_state(static_cast<uint32_t>(gear));
     return rc != 0 ? fail("setting the fan level failed (%d); see 'vexactl log'", rc) : 0;
 }
@@ -194,10 +192,7 @@ VEXACTL_COMMAND(ir, {"ir", "send | status [enable|disable]",
 
 bool parse_codec(const std::string &text, uint32_t *index)
 {
-    long v = 0;
-    if (!parse_int(text, &v) || v < 0 || v > 1)
-        return false;
-    *index = static_cast<uint32_t>(v);
+    *index = static_cast<uint32_t>(number_operand(text, "the codec", 0, 1));
     return true;
 }
 
@@ -242,11 +237,9 @@ int run_volume(Context &ctx, const Args &args)
         return reg < 0 ? fail("cannot read codec %u's volume; see 'vexactl log'", index)
                        : print_number(ctx, "register", reg);
     }
-    long percent = 0;
-    if (args.size() != 3 || args[1] != "set" || !parse_int(args[2], &percent))
+    if (args.size() != 3 || args[1] != "set")
         return usage_error(command, "expected N set PERCENT");
-    if (percent < 0 || percent > 100)
-        return usage_error(command, "the volume is 0 to 100 percent");
+    const long long percent = number_operand(args[2], "the volume", 0, 100);
     const int32_t rc = bi_i2c_set_video_inputsrc_volume(index, static_cast<int32_t>(percent));
     return rc != 0 ? fail("setting codec %u's volume failed (%d); see 'vexactl log'", index, rc) : 0;
 }
