@@ -10,6 +10,7 @@
 
 #include <dirent.h>
 #include <poll.h>
+#include <sched.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -52,6 +53,14 @@ int pclose(FILE *stream);
 // Sleeps and the monotonic clock (nanoseconds since an arbitrary start).
 void sleep_us(uint64_t us);
 uint64_t monotonic_ns();
+
+// Processors and affinity: the number of configured processors (as
+// sysconf(_SC_NPROCESSORS_CONF), -1 on failure), a process's CPU affinity (as
+// sched_setaffinity(2)) and the core the calling thread runs on (as
+// sched_getcpu(3), -1 on failure).
+long nprocessors_conf();
+int sched_setaffinity(pid_t pid, size_t setsize, const cpu_set_t *set);
+int sched_getcpu();
 
 } // namespace vexa::os
 

@@ -64,4 +64,41 @@ bool shell_not_option(const char *tag, const char *func, const char *arg)
     return true;
 }
 
+namespace {
+
+// Absolute, with at least one component below "/" and none that is "..".
+bool plain_absolute_path(const char *path)
+{
+    if (path[0] != '/')
+        return false;
+    bool below_root = false;
+    for (const char *p = path; *p;) {
+        while (*p == '/')
+            ++p;
+        const char *end = std::strchr(p, '/');
+        const size_t len = end ? static_cast<size_t>(end - p) : std::strlen(p);
+        if (len == 2 && p[0] == '.' && p[1] == '.')
+            return false;
+        if (len > 0 && !(len == 1 && p[0] == '.'))
+            below_root = true;
+        p += len;
+    }
+    return below_root;
+}
+
+} // namespace
+
+bool shell_paths_safe(const char *tag, const char *func, std::initializer_list<const char *> paths)
+{
+    for (const char *path : paths) {
+        if (!shell_args_safe(tag, func, {path}))
+            return false;
+        if (!plain_absolute_path(path)) {
+            VEXA_LOGE(tag, "%s: refusing path \"%s\": not a plain absolute path below /\n", func, path);
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace vexa

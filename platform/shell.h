@@ -26,6 +26,15 @@ bool shell_command_safe(const char *tag, const char *func, const char *command);
 // "<func>: refusing option-like argument \"<arg>\"", when it starts with '-'.
 bool shell_not_option(const char *tag, const char *func, const char *arg);
 
+// For paths handed to rm, cp, chmod, tar and the like: true when each is a
+// plain absolute path whose characters pass shell_word_safe, with no ".."
+// component, that does not name "/" itself ("/", "//", "/."). Otherwise logs
+// ERROR under tag, "<func>: refusing shell metacharacters in \"<path>\"" or
+// "<func>: refusing path \"<path>\": not a plain absolute path below /", and
+// returns false; the caller then runs nothing and returns -1.
+bool shell_paths_safe(const char *tag, const char *func,
+                      std::initializer_list<const char *> paths);
+
 } // namespace vexa
 
 #endif

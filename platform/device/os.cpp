@@ -62,6 +62,13 @@ void sleep_us(uint64_t us)
     }
 }
 
+long nprocessors_conf() { return ::sysconf(_SC_NPROCESSORS_CONF); }
+int sched_setaffinity(pid_t pid, size_t setsize, const cpu_set_t *set)
+{
+    return ::sched_setaffinity(pid, setsize, set);
+}
+int sched_getcpu() { return ::sched_getcpu(); }
+
 uint64_t monotonic_ns()
 {
     struct timespec ts;
