@@ -69,6 +69,57 @@ VEXA_API int32_t set_pid_to_tasks(int32_t pid);
 
 /* ---- end of CPU scheduling and frequency ---- */
 
+/* ---- Log daemon configuration ---- */
+
+/*
+ * The log daemon reads its configuration from persistent properties, one per
+ * field of vexa_logd_config_t ("persist.vendor.vexa_logd.level", ".base",
+ * ".mode", ".total_size", ".once_size"); the file it writes now is named by
+ * "persist.vendor.vexa_logd.path". Values are the daemon's own texts and are
+ * passed through.
+ */
+typedef struct vexa_logd_config {
+    char level[8];
+    char base[128];
+    char mode[64];
+    char total_size[8];
+    char once_size[8];
+} vexa_logd_config_t;
+
+/* Writes each non-empty field, in the order above, to its property; empty
+ * fields leave their property as it is. 0, or the negative result of the
+ * first failed write (later fields are then not written), after "set
+ * <property> failed". A field with no NUL within its capacity is not written
+ * either: it fails with -1 and its own error line. */
+VEXA_API int32_t bi_vexa_logd_set_configure(vexa_logd_config_t config);
+/* Fills *out from the five properties (unset ones stay empty); returns the
+ * length of the once_size value (0 when unset), or -1 when out is null. A
+ * value longer than its field is not copied: the field stays empty and an
+ * error line names the property. */
+VEXA_API int32_t bi_vexa_logd_get_configure(vexa_logd_config_t *out);
+/* Packs dir into the gzip-compressed tar archive ("/system/bin/tar -zcf
+ * ARCHIVE DIR"), then makes it readable and writable by all ("chmod 666").
+ * For dir "/syslog/logs" the video and display tools are first told to stop
+ * ("sys.video_tools.state", "sys.display_tools.state" = "true") and given 2
+ * seconds. Returns 0 whether or not tar succeeded (a failed tar or chmod is
+ * logged as an error; check the archive), and also 0 without doing anything
+ * when the two paths together have 998 characters or more; -2 dir null, -3
+ * archive null; -1 when dir or archive is not a plain absolute path (shell
+ * metacharacters, a ".." component, "/" itself). */
+VEXA_API int32_t bi_vexa_logd_compress(const char *dir, const char *archive);
+/* Removes every entry of dir ("/system/bin/rm -r DIR/NAME"), files and
+ * subdirectories alike, except the daemon's current log file: the entry whose
+ * name is the last 13 characters of "persist.vendor.vexa_logd.path" (the
+ * whole path when it is shorter). 0; -1 when the path property is empty or
+ * dir is not a plain absolute path; -2 dir longer than 1004 characters; -3
+ * no memory; -4 dir cannot be opened; -5 when the last removal failed
+ * (earlier failures are logged as errors but do not change the result). An
+ * entry whose name is not plain text for the shell, or too long for the
+ * command, is left in place and logged. */
+VEXA_API int32_t bi_vexa_logd_clear(const char *dir);
+
+/* ---- end of log daemon configuration ---- */
+
 VEXA_EXTERN_C_END
 
 #endif
