@@ -120,6 +120,125 @@ VEXA_API int32_t bi_vexa_logd_clear(const char *dir);
 
 /* ---- end of log daemon configuration ---- */
 
+/* ---- USB ports, OTG and the USB bulk device channel ---- */
+
+/*
+ * Ports 1 to 4 are switched through the text files named by the product
+ * record's usb1_path .. usb4_path ("1" on, "0" off). A port whose entry is
+ * missing, empty or "UNDEF" logs the configuration error and then fails as a
+ * missing file: the library never opens a path it was not given. The OTG
+ * role of the USB 2 PHY is the file
+ * "/sys/devices/platform/fe8a0000.usb2-phy/otg_mode" ("host" or
+ * "peripheral").
+ */
+
+/* Writes "1" (state non-zero) or "0" to port index (1..4). 0 or -1. */
+VEXA_API int32_t bi_set_usb_state(int32_t index, int32_t state);
+/* The decimal value of the first byte of port index's file ("x" reads 0), or
+ * -1. */
+VEXA_API int32_t bi_get_usb_state(int32_t index);
+/* 0 host, 1 peripheral, -1 for anything else or a failed read. */
+VEXA_API int32_t bi_otg_get_mode(void);
+/* Writes "host" (mode 0) or "peripheral" (mode 1); the platform write's result
+ * (negative on failure), or -1 for another mode. */
+VEXA_API int32_t bi_otg_set_mode(int32_t mode);
+
+/* The channel's port record, 10 bytes. */
+typedef struct vexa_usb_port {
+    uint16_t vendor_id;
+    uint16_t product_id;
+    uint8_t interface_class;
+    uint8_t selector;         /* stored, not used by the search */
+    uint8_t transfer_type;    /* endpoint attributes & 3: 2 bulk, 3 interrupt */
+    uint8_t endpoint_in;      /* IN endpoint address (bit 7 set), 0 when none */
+    uint8_t endpoint_out;     /* OUT endpoint address, 0 when none */
+    uint8_t interface_number;
+} vexa_usb_port_t;
+
+struct libusb_device_handle;
+struct libusb_device;
+
+/* The channel's state, owned by the library: the open handle and the matched
+ * device (null while closed), the device list held while open, and the port
+ * record. Read them; do not free or change them. */
+VEXA_API extern struct libusb_device_handle *vexa_usb_handle;
+VEXA_API extern struct libusb_device *vexa_usb_dev;
+VEXA_API extern struct libusb_device **vexa_usb_devs;
+VEXA_API extern vexa_usb_port_t vexa_usb_port;
+/* The buses on which bi_usb_get_vexa_devices accepts devices (1 and 5), and
+ * the interface classes it does not accept (audio, HID, printer, mass
+ * storage, hub, CDC data, smart card, video, personal healthcare, wireless
+ * controller). Read on every call: a client may change them. */
+VEXA_API extern int32_t Vexa_usb_devices_bus[2];
+VEXA_API extern int32_t Nonsupport_bInterfaceClass[10];
+
+/*
+ * Opens the channel to the first device with vendor_id and product_id:
+ * initialises libusb (default context), finds in the device's configurations
+ * the first alternate setting of interface_class that has an IN and an OUT
+ * endpoint of transfer_type (the search stops at the endpoint that completes
+ * the pair), opens the device and claims that interface, detaching a kernel
+ * driver when the first claim fails. A device with no such alternate setting
+ * still opens, with both endpoint addresses 0 and interface 0. An open
+ * channel is closed first. On success copies the port record to *out_port
+ * (when not null) and returns 0; the channel then stays open until
+ * bi_usb_close. Failures: -2 libusb cannot start, no USB device at all, or
+ * the device has no configuration; -1 no matching device or a descriptor
+ * cannot be read; the negative libusb code of a failed device-list query;
+ * -5 the device cannot be opened; -6 the kernel driver cannot be detached;
+ * -7 the interface cannot be claimed. A failed open leaves the channel
+ * closed with no state behind.
+ */
+VEXA_API int32_t bi_usb_open(uint16_t vendor_id, uint16_t product_id, uint8_t interface_class,
+                             uint8_t selector, uint8_t transfer_type, vexa_usb_port_t *out_port);
+/* Releases the interface, closes the device and libusb, and clears the
+ * channel's state; safe when it is closed. Returns 0. */
+VEXA_API int32_t bi_usb_close(void);
+/* One bulk transfer of length bytes from buffer to the OUT endpoint, waiting
+ * at most timeout_ms (0: no limit). The number of bytes sent (may be less
+ * than length), or -1: null buffer, length 0 or below, channel closed, or
+ * the transfer failed (a timeout included). */
+VEXA_API int32_t bi_usb_blocking_write(const uint8_t *buffer, int32_t length, uint32_t timeout_ms);
+/* One bulk transfer from the IN endpoint into buffer, at most length bytes;
+ * the number received, or -1 as for the write. */
+VEXA_API int32_t bi_usb_blocking_read(uint8_t *buffer, int32_t length, uint32_t timeout_ms);
+
+/* A device that bi_usb_get_vexa_devices accepts. */
+typedef struct vexa_usb_device_info {
+    uint8_t bus;
+    uint8_t address;
+    uint16_t vendor_id;
+    uint16_t product_id;
+    uint8_t configuration;    /* bConfigurationValue of the accepted interface's configuration */
+    uint8_t interface_number; /* its first interface of a supported class */
+    uint8_t interface_class;
+    uint8_t reserved;
+} vexa_usb_device_info_t;
+
+#define VEXA_USB_DEVICES_MAX 16
+
+typedef struct vexa_usb_devices {
+    int32_t count; /* entries filled in devices */
+    vexa_usb_device_info_t devices[VEXA_USB_DEVICES_MAX];
+} vexa_usb_devices_t;
+
+/*
+ * Lists the devices a client may talk to over the channel: devices on the
+ * buses of Vexa_usb_devices_bus, other than a root hub (address 1), with an
+ * interface whose class is not in Nonsupport_bInterfaceClass. A device is
+ * accepted at its first such interface (configurations and interfaces in
+ * order, every alternate setting); its walk ends there. Zeroes *out and
+ * fills it in the order libusb lists the devices; returns the number of
+ * accepted devices (entries beyond VEXA_USB_DEVICES_MAX are counted in the
+ * result, not stored), -1 when out is null (nothing is done), -2 when libusb
+ * cannot start, or the negative libusb code of a failed list query. The
+ * channel's state is not touched (libusb's default context is shared and
+ * counted: an open channel stays open).
+ */
+VEXA_API int32_t bi_usb_get_vexa_devices(vexa_usb_devices_t *out);
+
+/* ---- end of USB ports, OTG and the USB bulk device channel ---- */
+
 VEXA_EXTERN_C_END
 
 #endif
