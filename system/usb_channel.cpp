@@ -137,6 +137,7 @@ VEXA_API int32_t bi_usb_open(uint16_t vendor_id, uint16_t product_id, uint8_t in
 
     if (libusb_init(nullptr) < 0) {
         VEXA_LOGE(kTag, "%s:*** initial USB lib failed! \n", __func__);
+        forget_channel(); // nothing to close yet, and nothing stays behind
         return -2;
     }
     libusb_device_descriptor last{};

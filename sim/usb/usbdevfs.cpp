@@ -11,8 +11,10 @@
 #include <linux/usb/ch9.h>
 #include <linux/usbdevice_fs.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 
 namespace vexa::sim {
