@@ -33,11 +33,12 @@ int open_descriptors()
 }
 
 // The process's descriptors once umockdev's worker thread has let go of a
-// closed device node (it does so on its own time): at most a second.
+// closed device node (it does so on its own time, later under load): at
+// most five seconds.
 int descriptors_settled_at(int expected)
 {
     int count = open_descriptors();
-    for (int i = 0; i < 100 && count != expected; ++i) {
+    for (int i = 0; i < 500 && count != expected; ++i) {
         ::usleep(10000);
         count = open_descriptors();
     }
