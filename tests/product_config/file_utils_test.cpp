@@ -99,23 +99,6 @@ TEST_F(FileUtilsTest, CopyDirStopsAtTheFirstFailedCommand)
     EXPECT_THAT(base_log(), ElementsAre("E/vexa_system_bi_base: bi_base_copy_dir, dir is null"));
 }
 
-TEST_F(FileUtilsTest, ShellMetacharactersAreRefusedAndNothingRuns)
-{
-    board().write_file("/data/keep/file", "k");
-    EXPECT_EQ(bi_base_delete_file("/data/keep;reboot"), -1);
-    EXPECT_EQ(bi_base_format_ext4_sub("/dev/block/mmcblk2p22 $(id)"), -1);
-    bi_base_copy_dir("/data/keep", "/data/x`id`");
-    EXPECT_TRUE(board().commands().empty());
-    EXPECT_TRUE(board().exists("/data/keep/file"));
-    EXPECT_THAT(base_log(),
-                ElementsAre("E/vexa_system_bi_base: bi_base_delete_file: refusing shell metacharacters in "
-                            "\"/data/keep;reboot\"",
-                            "E/vexa_system_bi_base: bi_base_format_ext4_sub: refusing shell metacharacters in "
-                            "\"/dev/block/mmcblk2p22 $(id)\"",
-                            "E/vexa_system_bi_base: bi_base_copy_dir: refusing shell metacharacters in "
-                            "\"/data/x`id`\""));
-}
-
 TEST_F(FileUtilsTest, DeleteFileRunsRmWithTwoBlanks)
 {
     board().write_file("/data/gone/file", "x");
