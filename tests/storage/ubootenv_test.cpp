@@ -269,9 +269,9 @@ TEST_F(UbootenvTest, FailedSavesAreRetriedFiveTimes)
 TEST_F(UbootenvTest, SaveThatSucceedsOnTheFifthAttemptIsNotAnnounced)
 {
     Ubootenv env;
-    Fault eight = Fault::on("write").at(kDevice);
-    eight.times = 8; // two writes per save: the first four saves fail
-    board().inject(eight);
+    Fault four = Fault::on("write").at(kDevice);
+    four.times = 4; // a failed write ends its save: the first four saves fail
+    board().inject(four);
     EXPECT_EQ(env.updateValue("ubootenv.var.bootdelay", "7"), 0);
     const auto lines = env_log();
     EXPECT_EQ(count_of(lines, "E/Ubootenv: [Ubootenv.cpp, updateValue, N] [ubootenv] Cannot write "
