@@ -5,6 +5,7 @@
 // past a caller's buffer.
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -18,7 +19,9 @@ namespace {
 
 void put_item(const vexa::sim::Board &board, int item, const std::string &bytes)
 {
-    std::ofstream(vexa::sim::partitions::vendor_item_path(board.root(), item), std::ios::binary) << bytes;
+    const std::filesystem::path path = vexa::sim::partitions::vendor_item_path(board.root(), item);
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
 }
 
 } // namespace
@@ -41,6 +44,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const int32_t type = getresolutiontype();
     const int32_t mode = getDisplayMode();
     if ((type != 0 && type != 1) || (mode != 0 && mode != 1) || bi_resolution_get_display_type() != type)
+        std::abort();
+    // A product that keeps saved resolutions reads item 45 for both answers.
+    if (type == 1 && mode == 1)
         std::abort();
     for (uint16_t item : {45, 47}) {
         for (uint16_t len : {0, 1, 32, 48, 52, 64}) {

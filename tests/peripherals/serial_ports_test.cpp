@@ -185,7 +185,14 @@ protected:
         fd_ = sdk_uart_open("/dev/ttyS3");
         ASSERT_GT(fd_, 0);
         EXPECT_EQ(fcntl(fd_, F_GETFL) & O_NONBLOCK, 0);
-        ASSERT_EQ(tcgetattr(fd_, &g_lines[fd_]), 0);
+        // The line starts cooked, so that raw mode has something to undo.
+        termios &line = g_lines[fd_];
+        ASSERT_EQ(tcgetattr(fd_, &line), 0);
+        line.c_iflag |= BRKINT | INPCK | ISTRIP | ICRNL | IXON;
+        line.c_oflag |= OPOST;
+        line.c_lflag |= ICANON | ECHO | ECHOE | ISIG;
+        line.c_cc[VMIN] = 1;
+        line.c_cc[VTIME] = 5;
         g_applied.clear();
     }
     void TearDown() override
