@@ -90,14 +90,6 @@ const Port kPorts[] = {
     PORT(ttl_2, "serial_ttl_2", "fd_ttl_2", true),
 };
 
-std::string tty_of(const char *key)
-{
-    const std::string ini = sim::default_product_ini();
-    const std::string head = std::string("\n") + key + " = ";
-    const size_t at = ini.find(head) + head.size();
-    return ini.substr(at, ini.find('\n', at) - at);
-}
-
 std::string func(const Port &p, const char *op) { return std::string("bi_serial_") + p.name + "_" + op; }
 
 TEST_F(SerialPortTest, EveryPortOpensItsOwnTty)
@@ -105,7 +97,7 @@ TEST_F(SerialPortTest, EveryPortOpensItsOwnTty)
     for (const Port &p : kPorts) {
         SCOPED_TRACE(p.name);
         // Only its own tty fails to open, and the failure names both.
-        const std::string tty = tty_of(p.key);
+        const std::string tty = ini_value(p.key);
         board().inject(Fault::on("hal_serial_open").at(tty).returns(0));
         board().clear_log();
         EXPECT_EQ(p.open(9600, 8, 1, 'N'), -1);
@@ -154,20 +146,6 @@ TEST_F(SerialPortTest, EveryPortWritesReadsAndClosesItsOwnDescriptor)
             EXPECT_EQ(q.nonblocking_read(buf, sizeof buf), shut ? -1 : 0);
         }
     }
-}
-
-TEST_F(SerialPortTest, NamedPortCarriesBytesBothWays)
-{
-    ASSERT_EQ(bi_serial_232_open(115200, 8, 1, 'N'), 0);
-    auto far = sim::serial_line(board(), "/dev/ttyS3");
-    ASSERT_TRUE(far);
-    EXPECT_EQ(bi_serial_232_write("hello", 5), 5);
-    EXPECT_EQ(far->take_output(5, 2000), "hello");
-    far->inject("abc");
-    char buf[8] = {};
-    EXPECT_EQ(bi_serial_232_blocking_read(buf, sizeof(buf), 2000), 3);
-    EXPECT_STREQ(buf, "abc");
-    EXPECT_EQ(bi_serial_232_close(), 0);
 }
 
 TEST_F(SerialPortTest, OverlongPathIsRefusedBeforeTheCopy)
