@@ -1,7 +1,8 @@
 // Named serial ports and the raw termios layer, on the board's pty lines.
 // What the raw layer asks of a line is read where it asks it: tcsetattr and
 // tcgetattr are interposed here, since a pty keeps neither the parity nor the
-// character size it is asked for.
+// character size it is asked for. (The library's objects are linked into this
+// program, so its calls reach these definitions before libc's.)
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <termios.h>
