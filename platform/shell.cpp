@@ -22,17 +22,6 @@ bool shell_word_safe(const char *text)
     return true;
 }
 
-bool shell_args_safe(const char *tag, const char *func, std::initializer_list<const char *> args)
-{
-    for (const char *arg : args) {
-        if (!shell_word_safe(arg)) {
-            VEXA_LOGE(tag, "%s: refusing shell metacharacters in \"%s\"\n", func, arg ? arg : "(null)");
-            return false;
-        }
-    }
-    return true;
-}
-
 const char *shell_path_refusal(const char *path)
 {
     if (path == nullptr || *path == '\0')
@@ -79,6 +68,17 @@ bool shell_format(char *buf, size_t cap, const char *tag, const char *func, cons
             buf[0] = '\0';
         VEXA_LOGE(tag, "%s: command does not fit in %zu bytes: %s\n", func, cap, fmt);
         return false;
+    }
+    return true;
+}
+
+bool shell_args_safe(const char *tag, const char *func, std::initializer_list<const char *> args)
+{
+    for (const char *arg : args) {
+        if (!shell_word_safe(arg)) {
+            VEXA_LOGE(tag, "%s: refusing shell metacharacters in \"%s\"\n", func, arg ? arg : "(null)");
+            return false;
+        }
     }
     return true;
 }

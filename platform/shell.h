@@ -16,12 +16,6 @@ namespace vexa {
 // one word: letters, digits and "_-./,:=+@%". Null or empty text is not safe.
 bool shell_word_safe(const char *text);
 
-// Checks every argument with shell_word_safe. On the first unsafe one logs
-// ERROR "<func>: refusing shell metacharacters in \"<arg>\"" under tag and
-// returns false; the caller then runs nothing and returns -1.
-bool shell_args_safe(const char *tag, const char *func,
-                     std::initializer_list<const char *> args);
-
 // Why a path may not be handed to a command that removes, copies, changes or
 // formats what it names (rm, cp, chmod, chown, mkfs.ext4, badblocks, tar);
 // null when it may: a shell-word-safe absolute path without a ".." component
@@ -40,6 +34,12 @@ bool shell_paths_safe(const char *tag, const char *func,
 // not run at all.
 bool shell_format(char *buf, size_t cap, const char *tag, const char *func, const char *fmt, ...)
     __attribute__((format(printf, 5, 6)));
+
+// Checks every argument with shell_word_safe. On the first unsafe one logs
+// ERROR "<func>: refusing shell metacharacters in \"<arg>\"" under tag and
+// returns false; the caller then runs nothing and returns -1.
+bool shell_args_safe(const char *tag, const char *func,
+                     std::initializer_list<const char *> args);
 
 } // namespace vexa
 
