@@ -1,8 +1,6 @@
 // The U-Boot environment store: partition image <-> list of key/value entries.
 #include "vexasdk/Ubootenv.h"
 
-#include "storage/env_store.h"
-
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <mtd/mtd-user.h>
@@ -22,6 +20,7 @@
 #include "platform/android.h"
 #include "platform/os.h"
 #include "platform/unique.h"
+#include "storage/env_store.h"
 
 namespace {
 
