@@ -281,15 +281,20 @@ VEXA_API int32_t getDisplayMode(void)
     return record_is_sealed(&saved, offsetof(ResolutionRecord, crc)) ? 1 : 0;
 }
 
+const uint32_t offset_addr_table[11][2] = {
+    {0, 512},   {1, 1024},  {2, 1536},  {3, 2048},  {4, 2560}, {5, 3072},
+    {6, 3584},  {7, 4096},  {8, 4608},  {9, 5120},  {10, 5632},
+};
+
 VEXA_API int32_t get_offset_by_index(uint32_t index, uint32_t *offset)
 {
     if (index >= 12) {
         VEXA_LOGE(kResolutionTag, "%s: Index out of range, index = %u\n", __func__, index);
         return -1;
     }
-    // offset_addr_table: 512 x (index + 1); index 11 continues the rule.
+    // Index 11 has no row: it continues the table's rule, 512 x (index + 1).
     if (offset != nullptr)
-        *offset = 512u * (index + 1);
+        *offset = index < 11 ? offset_addr_table[index][1] : 512u * (index + 1);
     return 0;
 }
 

@@ -10,11 +10,14 @@
 #include <string>
 
 #include "sim/board.h"
+#include "sim/partitions/page_cache.h"
 #include "vexasdk/Ubootenv.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static vexa::sim::Board board = vexa::sim::Board::Builder().build();
+    // Saves flush into a modelled page cache, not the host's disk.
+    static const auto cache = vexa::sim::add_page_cache(board, "/dev/block/by-name/env");
     static const int sink = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (size == 0)
         return 0;

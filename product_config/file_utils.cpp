@@ -38,29 +38,28 @@ FILE *open_for_update(const char *path)
     return f;
 }
 
-// Formats a shell command into a buffer of cap bytes; false (and an error
-// line) when it does not fit: a cut command could act on another path.
-bool format_command(char *buf, size_t cap, const char *func, const char *fmt, const char *a,
-                    const char *b = nullptr)
+// "dir/name" into a buffer of cap bytes; false (and an error line) when it
+// does not fit: a cut path names another file.
+bool format_path(char *buf, size_t cap, const char *func, const char *dir, const char *name)
 {
-    const int n = b ? std::snprintf(buf, cap, fmt, a, b) : std::snprintf(buf, cap, fmt, a);
+    const int n = std::snprintf(buf, cap, "%s/%s", dir, name);
     if (n < 0 || static_cast<size_t>(n) >= cap) {
-        VEXA_LOGE(kTag, "%s: command too long for %zu bytes\n", func, cap);
+        VEXA_LOGE(kTag, "%s: %s/%s is longer than %zu bytes\n", func, dir, name, cap - 1);
         return false;
     }
     return true;
 }
 
+// Runs a command of one path that removes or formats what it names.
 int32_t run_on_path(const char *func, const char *fmt, const char *path)
 {
     if (path == nullptr) {
         VEXA_LOGE(kTag, "%s, dir is null\n", func);
         return -1;
     }
-    if (!vexa::shell_args_safe(kTag, func, {path}))
-        return -1;
     char cmd[256];
-    if (!format_command(cmd, sizeof cmd, func, fmt, path))
+    if (!vexa::shell_paths_safe(kTag, func, {path}) ||
+        !vexa::shell_format(cmd, sizeof cmd, kTag, func, fmt, path))
         return -1;
     vexa::os::system(cmd);
     return 0;
@@ -125,8 +124,8 @@ VEXA_API void bi_base_copy_file(const char *dst_dir, const char *src_dir, const 
     }
     char src_path[512];
     char dst_path[512];
-    if (!format_command(src_path, sizeof src_path, __func__, "%s/%s", src_dir, name) ||
-        !format_command(dst_path, sizeof dst_path, __func__, "%s/%s", dst_dir, name))
+    if (!format_path(src_path, sizeof src_path, __func__, src_dir, name) ||
+        !format_path(dst_path, sizeof dst_path, __func__, dst_dir, name))
         return;
     FILE *src = vexa::os::fopen(src_path, "rb");
     if (src == nullptr) {
@@ -163,27 +162,28 @@ VEXA_API void bi_base_copy_dir(const char *src, const char *dst)
         VEXA_LOGE(kTag, "%s, dir is null\n", __func__);
         return;
     }
-    if (!vexa::shell_args_safe(kTag, __func__, {src, dst}))
+    // Every command is made before the first runs: one that does not fit
+    // stops them all, rather than leaving a half-done copy.
+    char remove[512], make[512], copy[512], mode[512], owner[512];
+    const char *f = __func__;
+    if (!vexa::shell_paths_safe(kTag, f, {src, dst}) ||
+        !vexa::shell_format(remove, sizeof remove, kTag, f, "rm -rf %s/*", dst) ||
+        !vexa::shell_format(make, sizeof make, kTag, f, "mkdir -p %s", dst) ||
+        !vexa::shell_format(copy, sizeof copy, kTag, f, "cp -rf %s/. %s", src, dst) ||
+        !vexa::shell_format(mode, sizeof mode, kTag, f, "chmod -R 0777 %s", dst) ||
+        !vexa::shell_format(owner, sizeof owner, kTag, f, "chown -R system %s", dst))
         return;
-    char cmd[512];
-    if (!format_command(cmd, sizeof cmd, __func__, "rm -rf %s/*", dst))
-        return;
-    vexa::os::system(cmd);
-    format_command(cmd, sizeof cmd, __func__, "mkdir -p %s", dst);
-    if (vexa::os::system(cmd) != 0) {
+    vexa::os::system(remove);
+    if (vexa::os::system(make) != 0) {
         VEXA_LOGE(kTag, "Failed to create directory: %s\n", dst);
         return;
     }
-    if (!format_command(cmd, sizeof cmd, __func__, "cp -rf %s/. %s", src, dst))
-        return;
-    if (vexa::os::system(cmd) != 0) {
+    if (vexa::os::system(copy) != 0) {
         VEXA_LOGE(kTag, "Failed to copy files from %s to %s\n", src, dst);
         return;
     }
-    format_command(cmd, sizeof cmd, __func__, "chmod -R 0777 %s", dst);
-    vexa::os::system(cmd);
-    format_command(cmd, sizeof cmd, __func__, "chown -R system %s", dst);
-    vexa::os::system(cmd);
+    vexa::os::system(mode);
+    vexa::os::system(owner);
     vexa::os::sync();
 }
 
@@ -263,7 +263,7 @@ VEXA_API int32_t bi_base_mount_sub(const char *device, const char *dir)
     if (vexa::os::stat(dir, &st) != 0)
         vexa::os::mkdir(dir, 0777);
     char found[512];
-    if (!format_command(found, sizeof found, __func__, "%s/lost+found", dir))
+    if (!format_path(found, sizeof found, __func__, dir, "lost+found"))
         return -1;
     if (vexa::os::stat(found, &st) == 0) {
         VEXA_LOGD(kTag, "%s Has been mounted\n", device);

@@ -275,6 +275,7 @@ int DeviceModel::ioctl(int, unsigned long, void *)
     errno = ENOTTY;
     return -1;
 }
+int DeviceModel::fsync(int fd) { return ::fsync(fd); }
 void DeviceModel::close(int fd) { ::close(fd); }
 
 // ---- Builder ----

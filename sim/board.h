@@ -76,6 +76,7 @@ public:
     virtual ssize_t pread(int fd, void *buf, size_t count, off_t offset);
     virtual ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset);
     virtual int ioctl(int fd, unsigned long request, void *arg);
+    virtual int fsync(int fd);
     virtual void close(int fd);
 };
 

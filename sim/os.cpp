@@ -167,7 +167,7 @@ int fsync(int fd)
     VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
     VEXA_SIM_FAULT("fsync", r.board_path, int);
-    return ::fsync(fd);
+    return r.model ? r.model->fsync(fd) : ::fsync(fd);
 }
 
 int close(int fd)

@@ -20,6 +20,7 @@
 #include "platform/android.h"
 #include "platform/os.h"
 #include "platform/unique.h"
+#include "storage/env_store.h"
 
 namespace {
 
@@ -67,6 +68,32 @@ ssize_t read_fully(int fd, uint8_t *buf, size_t count)
     return static_cast<ssize_t>(done);
 }
 
+// Writes all of count bytes, going on after a short write; false when a
+// write fails or makes no progress.
+bool write_fully(int fd, const uint8_t *buf, size_t count)
+{
+    size_t done = 0;
+    while (done < count) {
+        const ssize_t n = vexa::os::write(fd, buf + done, count - done);
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool pread_fully(int fd, uint8_t *buf, size_t count, off_t at)
+{
+    size_t done = 0;
+    while (done < count) {
+        const ssize_t n = vexa::os::pread(fd, buf + done, count - done, at + static_cast<off_t>(done));
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
 uint32_t stored_crc(const uint8_t *image)
 {
     uint32_t crc;
@@ -79,6 +106,23 @@ uint32_t data_crc(const char *data, uint32_t size)
     return static_cast<uint32_t>(crc32(0L, reinterpret_cast<const Bytef *>(data), size));
 }
 
+// Whether a save must write the second copy first: when the first copy on
+// the medium is valid and the second is not an identical copy of it, the
+// first is the one loading picks, so it is touched last. Otherwise (the first
+// copy bad, or both the same) the first copy goes first.
+bool second_copy_first(int fd, size_t image)
+{
+    std::unique_ptr<uint8_t[]> first(new (std::nothrow) uint8_t[image]);
+    std::unique_ptr<uint8_t[]> second(new (std::nothrow) uint8_t[image]);
+    if (!first || !second || !pread_fully(fd, first.get(), image, 0))
+        return false;
+    const char *data = reinterpret_cast<const char *>(first.get() + 4);
+    if (stored_crc(first.get()) != data_crc(data, static_cast<uint32_t>(image - 4)))
+        return false;
+    return !pread_fully(fd, second.get(), image, kSecondCopy) ||
+           std::memcmp(first.get(), second.get(), image) != 0;
+}
+
 } // namespace
 
 #define ENV_E(...) say(ANDROID_LOG_ERROR, __func__, __LINE__, __VA_ARGS__)
@@ -86,26 +130,46 @@ uint32_t data_crc(const char *data, uint32_t size)
 // A message whose text differs between the class and the standard-output store.
 #define ENV_E2(classFmt, twinFmt, ...) \
     sayAs(ANDROID_LOG_ERROR, __func__, __LINE__, classFmt, twinFmt, __VA_ARGS__)
+// Messages of the helpers of save(), which speak as save().
+#define SAVE_E(...) say(ANDROID_LOG_ERROR, "save", __LINE__, __VA_ARGS__)
+#define SAVE_E2(classFmt, twinFmt, ...) \
+    sayAs(ANDROID_LOG_ERROR, "save", __LINE__, classFmt, twinFmt, __VA_ARGS__)
 
-Ubootenv::Ubootenv() : Ubootenv(Voice::SystemLog)
+namespace vexa::storage {
+
+EnvStore::EnvStore(Ubootenv &env)
+    : EnvStore(env.mEnvPartitionName, env.mEnvPartitionSize, env.mEnvSize, env.mEnvData,
+               env.mEnvCrc, env.mEnvBuf, env.mEnvAttrHeader, *env.mEnvLock.native_handle(),
+               env.mEnvInitDone, Voice::SystemLog)
 {
-    init();
 }
 
-Ubootenv::Ubootenv(Voice voice)
-    : mEnvPartitionSize(kDefaultImageSize), mEnvSize(kDefaultImageSize - 4), mEnvData(nullptr),
-      mEnvCrc(nullptr), mEnvBuf(nullptr), mEnvInitDone(0), mVoice(voice)
+EnvStore::EnvStore(char (&partitionName)[32], uint32_t &partitionSize, uint32_t &size,
+                   uint8_t *&data, uint32_t *&crc, char *&buf, ubootenv_attribute &header,
+                   pthread_mutex_t &lock, uint8_t &initDone, Voice voice)
+    : mEnvPartitionName(partitionName), mEnvPartitionSize(partitionSize), mEnvSize(size),
+      mEnvData(data), mEnvCrc(crc), mEnvBuf(buf), mEnvAttrHeader(header), mEnvLock(lock),
+      mEnvInitDone(initDone), mVoice(voice)
 {
-    std::memset(mEnvPartitionName, 0, sizeof mEnvPartitionName);
-    std::memset(&mEnvAttrHeader, 0, sizeof mEnvAttrHeader);
 }
 
-Ubootenv::~Ubootenv()
-{
-    release();
-}
+namespace {
 
-void Ubootenv::sayAs(int prio, const char *member, int line, const char *classFmt,
+// Holds a store's mutex for a scope.
+class Hold {
+public:
+    explicit Hold(pthread_mutex_t &mu) : mu_(mu) { pthread_mutex_lock(&mu_); }
+    ~Hold() { pthread_mutex_unlock(&mu_); }
+    Hold(const Hold &) = delete;
+    Hold &operator=(const Hold &) = delete;
+
+private:
+    pthread_mutex_t &mu_;
+};
+
+} // namespace
+
+void EnvStore::sayAs(int prio, const char *member, int line, const char *classFmt,
                      const char *twinFmt, ...)
 {
     va_list ap;
@@ -133,7 +197,7 @@ void Ubootenv::sayAs(int prio, const char *member, int line, const char *classFm
     va_end(ap);
 }
 
-void Ubootenv::say(int prio, const char *member, int line, const char *fmt, ...)
+void EnvStore::say(int prio, const char *member, int line, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
@@ -143,7 +207,7 @@ void Ubootenv::say(int prio, const char *member, int line, const char *fmt, ...)
     sayAs(prio, member, line, "%s", "%s", text);
 }
 
-bool Ubootenv::devicePresent(const char *path)
+bool EnvStore::devicePresent(const char *path)
 {
     // The class asks for the file status, the standard-output store for access.
     if (mVoice == Voice::StandardOutput)
@@ -152,18 +216,18 @@ bool Ubootenv::devicePresent(const char *path)
     return vexa::os::stat(path, &st) == 0;
 }
 
-void Ubootenv::freeEntries()
+void EnvStore::freeEntries()
 {
-    Attribute *entry = mEnvAttrHeader.next;
+    Ubootenv::Attribute *entry = mEnvAttrHeader.next;
     while (entry != nullptr) {
-        Attribute *next = entry->next;
+        Ubootenv::Attribute *next = entry->next;
         delete entry;
         entry = next;
     }
     std::memset(&mEnvAttrHeader, 0, sizeof mEnvAttrHeader);
 }
 
-void Ubootenv::release()
+void EnvStore::release()
 {
     std::free(mEnvData);
     mEnvData = nullptr;
@@ -173,7 +237,15 @@ void Ubootenv::release()
     mEnvInitDone = 0;
 }
 
-int Ubootenv::init()
+bool EnvStore::allocateImage()
+{
+    std::free(mEnvData);
+    mEnvData = static_cast<uint8_t *>(std::calloc(mEnvPartitionSize, 1));
+    mEnvCrc = mEnvData ? reinterpret_cast<uint32_t *>(mEnvData) : nullptr;
+    mEnvBuf = mEnvData ? reinterpret_cast<char *>(mEnvData + 4) : nullptr;
+    return mEnvData != nullptr;
+}
+int EnvStore::init()
 {
     mEnvPartitionSize = kDefaultImageSize;
     mEnvSize = kDefaultImageSize - 4;
@@ -250,7 +322,7 @@ int Ubootenv::init()
     return -2;
 }
 
-int Ubootenv::readPartitionData()
+int EnvStore::readPartitionData()
 {
     const vexa::UniqueFd owner(vexa::os::open(mEnvPartitionName, O_RDONLY));
     const int fd = owner.get();
@@ -258,16 +330,10 @@ int Ubootenv::readPartitionData()
         ENV_E("[ubootenv] open devices error: %s\n", std::strerror(errno));
         return -1;
     }
-    std::free(mEnvData);
-    mEnvData = static_cast<uint8_t *>(std::calloc(mEnvPartitionSize, 1));
-    if (mEnvData == nullptr) {
-        mEnvCrc = nullptr;
-        mEnvBuf = nullptr;
+    if (!allocateImage()) {
         ENV_E("[ubootenv] Not enough memory for environment (%u bytes)\n", mEnvPartitionSize);
         return -2;
     }
-    mEnvCrc = reinterpret_cast<uint32_t *>(mEnvData);
-    mEnvBuf = reinterpret_cast<char *>(mEnvData + 4);
 
     ssize_t n = read_fully(fd, mEnvData, mEnvPartitionSize);
     if (n == static_cast<ssize_t>(mEnvPartitionSize)) {
@@ -304,14 +370,14 @@ int Ubootenv::readPartitionData()
     return 0;
 }
 
-void Ubootenv::parseAttribute()
+void EnvStore::parseAttribute()
 {
     freeEntries();
     if (mEnvBuf == nullptr)
         return;
     const char *p = mEnvBuf;
     const char *const end = mEnvBuf + mEnvSize;
-    Attribute *entry = &mEnvAttrHeader;
+    Ubootenv::Attribute *entry = &mEnvAttrHeader;
     while (p < end) {
         const size_t len = strnlen(p, static_cast<size_t>(end - p));
         const char *eq = static_cast<const char *>(std::memchr(p, '=', len));
@@ -324,7 +390,7 @@ void Ubootenv::parseAttribute()
         const char *next = p + len + 1;
         if (next >= end || *next == '\0')
             break;
-        Attribute *added = new (std::nothrow) Attribute();
+        Ubootenv::Attribute *added = new (std::nothrow) Ubootenv::Attribute();
         if (added == nullptr) {
             ENV_E("[ubootenv] parse attribute malloc error \n");
             break;
@@ -335,13 +401,13 @@ void Ubootenv::parseAttribute()
     }
 }
 
-void Ubootenv::formatAttribute()
+void EnvStore::formatAttribute()
 {
     if (mEnvBuf == nullptr)
         return;
     std::memset(mEnvBuf, 0, mEnvSize);
     size_t cursor = 0;
-    for (const Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
+    for (const Ubootenv::Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
         const size_t key_len = strnlen(entry->key, kKeyMax - 1);
         const size_t value_len = strnlen(entry->value, kValueMax - 1);
         const size_t len = key_len + 1 + value_len;
@@ -363,14 +429,14 @@ void Ubootenv::formatAttribute()
     }
 }
 
-int Ubootenv::propertyLoad()
+int EnvStore::propertyLoad()
 {
     ENV_E("[ubootenv] set property count: %d\n", 0);
     mEnvInitDone = 1;
     return 0;
 }
 
-const char *Ubootenv::get(const char *key)
+const char *EnvStore::get(const char *key)
 {
     if (!mEnvInitDone) {
         ENV_E("[ubootenv] don't init done\n");
@@ -378,14 +444,14 @@ const char *Ubootenv::get(const char *key)
     }
     if (key == nullptr)
         return nullptr;
-    for (const Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
+    for (const Ubootenv::Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
         if (std::strcmp(entry->key, key) == 0)
             return entry->value;
     }
     return nullptr;
 }
 
-int Ubootenv::set(const char *key, const char *value, bool createNew)
+int EnvStore::set(const char *key, const char *value, bool createNew)
 {
     if (key == nullptr)
         return 0;
@@ -394,8 +460,8 @@ int Ubootenv::set(const char *key, const char *value, bool createNew)
     // Compare and store the key as the entry holds it.
     char wanted[kKeyMax];
     copy_field(wanted, sizeof wanted, key, std::strlen(key));
-    Attribute *last = &mEnvAttrHeader;
-    for (Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
+    Ubootenv::Attribute *last = &mEnvAttrHeader;
+    for (Ubootenv::Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
         if (std::strcmp(entry->key, wanted) == 0) {
             copy_field(entry->value, kValueMax, value, std::strlen(value));
             return 2;
@@ -408,7 +474,7 @@ int Ubootenv::set(const char *key, const char *value, bool createNew)
         std::printf("[ubootenv] ubootenv.var.%s not found, create it.\n", wanted);
         std::fflush(stdout);
     }
-    Attribute *added = new (std::nothrow) Attribute();
+    Ubootenv::Attribute *added = new (std::nothrow) Ubootenv::Attribute();
     if (added == nullptr)
         return 0;
     copy_field(added->key, kKeyMax, wanted, std::strlen(wanted));
@@ -417,16 +483,16 @@ int Ubootenv::set(const char *key, const char *value, bool createNew)
     return 1;
 }
 
-bool Ubootenv::isEnv(const char *name)
+bool EnvStore::isEnv(const char *name)
 {
     return name != nullptr && name[0] != '\0' && std::strncmp(name, kPrefix, kPrefixLen) == 0 &&
            std::strlen(name) > kPrefixLen;
 }
 
-const char *Ubootenv::getValue(const char *name)
+const char *EnvStore::getValue(const char *name)
 {
     if (isEnv(name)) {
-        std::lock_guard<std::mutex> hold(mEnvLock);
+        Hold hold(mEnvLock);
         return get(name + kPrefixLen);
     }
     ENV_E("[ubootenv] %s is not a ubootenv variable and need prefix:ubootenv.var.xxx\n",
@@ -435,7 +501,7 @@ const char *Ubootenv::getValue(const char *name)
     return nullptr;
 }
 
-int Ubootenv::updateValue(const char *name, const char *value)
+int EnvStore::updateValue(const char *name, const char *value)
 {
     if (!mEnvInitDone) {
         ENV_E("[ubootenv] bootenv do not init\n");
@@ -458,7 +524,7 @@ int Ubootenv::updateValue(const char *name, const char *value)
     // The value as an entry can hold it, so that an over-long value that is
     // already stored counts as unchanged.
     const std::string wanted(value, strnlen(value, kValueMax - 1));
-    std::lock_guard<std::mutex> hold(mEnvLock);
+    Hold hold(mEnvLock);
     const char *current = get(key);
     if (wanted == (current ? current : ""))
         return 0;
@@ -477,105 +543,151 @@ int Ubootenv::updateValue(const char *name, const char *value)
     return rc;
 }
 
-int Ubootenv::save()
+int EnvStore::save()
 {
-    if (mEnvData == nullptr) {
-        // Nothing read yet: build the image from the entries alone.
-        mEnvData = static_cast<uint8_t *>(std::calloc(mEnvPartitionSize, 1));
-        if (mEnvData == nullptr) {
-            ENV_E("[ubootenv] Out of memory!!!\n");
-            return -5;
-        }
-        mEnvCrc = reinterpret_cast<uint32_t *>(mEnvData);
-        mEnvBuf = reinterpret_cast<char *>(mEnvData + 4);
+    if (mEnvData == nullptr && !allocateImage()) {
+        // Nothing read yet and no memory to build the image from the entries.
+        ENV_E("[ubootenv] Out of memory!!!\n");
+        return -5;
     }
     formatAttribute();
     const uint32_t crc = data_crc(mEnvBuf, mEnvSize);
     std::memcpy(mEnvData, &crc, sizeof crc);
 
     const vexa::UniqueFd owner(vexa::os::open(mEnvPartitionName, O_RDWR));
-    const int fd = owner.get();
     if (!owner) {
         ENV_E("[ubootenv] open devices error\n");
         return -1;
     }
+    if (std::strstr(mEnvPartitionName, "mtd") != nullptr)
+        return writeMtdCopies(owner.get());
+    return writeCopies(owner.get());
+}
+
+int EnvStore::writeCopies(int fd)
+{
     const size_t image = mEnvPartitionSize;
-    ssize_t written = 0;
-    if (std::strstr(mEnvPartitionName, "mtd") == nullptr) {
-        vexa::os::lseek(fd, 0, SEEK_SET);
-        vexa::os::write(fd, mEnvData, image);
-        const off_t where = vexa::os::lseek(fd, kSecondCopy, SEEK_SET);
-        if (where != kSecondCopy)
-            ENV_E("[ubootenv] lseek error, seek num = %d \n", static_cast<int>(where));
-        written = vexa::os::write(fd, mEnvData, image);
-    } else {
-        mtd_info_user info{};
-        if (vexa::os::ioctl(fd, MEMGETINFO, &info) < 0) {
-            ENV_E("[ubootenv] Get MTD info error\n");
-            return -4;
-        }
-        // A device with room beyond the two copies is rewritten whole, so
-        // that erasing it keeps what lies after them.
-        std::unique_ptr<uint8_t[]> whole;
-        erase_info_user erase{0, static_cast<uint32_t>(2 * image)};
-        if (info.size > 2 * image) {
-            whole.reset(new (std::nothrow) uint8_t[info.size]);
-            if (!whole) {
-                ENV_E("[ubootenv] Out of memory!!!\n");
-                return -5;
-            }
-            if (read_fully(fd, whole.get(), info.size) != static_cast<ssize_t>(info.size)) {
-                ENV_E("[ubootenv] Read access failed !!!\n");
-                return -6;
-            }
-            std::memcpy(whole.get(), mEnvData, image);
-            if (info.size > kSecondCopy) {
-                const size_t room = info.size - kSecondCopy;
-                std::memcpy(whole.get() + kSecondCopy, mEnvData, std::min(image, room));
-            }
-            erase.length = info.size;
-        }
-        const int erased = vexa::os::ioctl(fd, MEMERASE, &erase);
-        if (erased < 0) {
-            ENV_E2("[ubootenv] MEMERASE SYS_LOGE %d\n", "[ubootenv] MEMERASE printf %d\n", erased);
-            return -2;
-        }
-        if (info.size <= image) {
-            vexa::os::lseek(fd, 0, SEEK_SET);
-            vexa::os::write(fd, mEnvData, image);
-            const off_t where = vexa::os::lseek(fd, kSecondCopy, SEEK_SET);
-            if (where != kSecondCopy)
-                ENV_E("[ubootenv] can not lseek, seek num = %d \n", static_cast<int>(where));
-            written = vexa::os::write(fd, mEnvData, image);
-        } else if (whole) {
-            if (vexa::os::lseek(fd, 0, SEEK_SET) != 0) {
-                ENV_E2("%s() %d: err is %d\n", "%s() %d: err is %d\n", __func__, __LINE__, errno);
-                return -7;
-            }
-            written = vexa::os::write(fd, whole.get(), info.size);
-        } else {
-            ENV_E("data is NULL\n");
+    // An image larger than the gap between the copies would put its second
+    // copy over its first: it is stored once.
+    const bool twice = image <= static_cast<size_t>(kSecondCopy);
+    const bool second_first = twice && second_copy_first(fd, image);
+    const off_t order[2] = {second_first ? kSecondCopy : 0, second_first ? 0 : kSecondCopy};
+    for (int i = 0; i < (twice ? 2 : 1); ++i) {
+        const off_t where = vexa::os::lseek(fd, order[i], SEEK_SET);
+        if (order[i] == kSecondCopy && where != kSecondCopy)
+            SAVE_E("[ubootenv] lseek error, seek num = %d \n", static_cast<int>(where));
+        // The copy is on the medium before the other one is touched.
+        if (!write_fully(fd, mEnvData, image) || vexa::os::fsync(fd) != 0) {
+            SAVE_E2("[ubootenv] SYS_LOGE write, size %d \n", "[ubootenv] printf write, size %d \n",
+                    static_cast<int>(image));
+            return -3;
         }
     }
-    if (written < 0) {
-        ENV_E2("[ubootenv] SYS_LOGE write, size %d \n", "[ubootenv] printf write, size %d \n",
-               static_cast<int>(image));
+    return 0;
+}
+
+int EnvStore::writeMtdCopies(int fd)
+{
+    const size_t image = mEnvPartitionSize;
+    mtd_info_user info{};
+    if (vexa::os::ioctl(fd, MEMGETINFO, &info) < 0) {
+        SAVE_E("[ubootenv] Get MTD info error\n");
+        return -4;
+    }
+    const uint32_t block = info.erasesize;
+    const size_t span = block ? (image + block - 1) / block * block : 0;
+    // Copies whose erase blocks are their own are erased and written one at
+    // a time, so that one of them is whole at any moment; what lies beyond
+    // them is never touched. A program write of a flash device is on the
+    // medium when it returns.
+    if (block != 0 && kSecondCopy % block == 0 && span <= static_cast<size_t>(kSecondCopy) &&
+        kSecondCopy + span <= info.size) {
+        const bool second_first = second_copy_first(fd, image);
+        const off_t order[2] = {second_first ? kSecondCopy : 0, second_first ? 0 : kSecondCopy};
+        for (const off_t at : order) {
+            erase_info_user erase{static_cast<uint32_t>(at), static_cast<uint32_t>(span)};
+            const int erased = vexa::os::ioctl(fd, MEMERASE, &erase);
+            if (erased < 0) {
+                SAVE_E2("[ubootenv] MEMERASE SYS_LOGE %d\n", "[ubootenv] MEMERASE printf %d\n", erased);
+                return -2;
+            }
+            const off_t where = vexa::os::lseek(fd, at, SEEK_SET);
+            if (where != at) {
+                SAVE_E("[ubootenv] can not lseek, seek num = %d \n", static_cast<int>(where));
+                return -7;
+            }
+            if (!write_fully(fd, mEnvData, image)) {
+                SAVE_E2("[ubootenv] SYS_LOGE write, size %d \n", "[ubootenv] printf write, size %d \n",
+                        static_cast<int>(image));
+                return -3;
+            }
+        }
+        return 0;
+    }
+
+    // Erase blocks shared by both copies: the device is erased and written
+    // whole, keeping what lies beyond the copies.
+    std::unique_ptr<uint8_t[]> whole;
+    erase_info_user erase{0, static_cast<uint32_t>(2 * image)};
+    if (info.size > 2 * image) {
+        whole.reset(new (std::nothrow) uint8_t[info.size]);
+        if (!whole) {
+            SAVE_E("[ubootenv] Out of memory!!!\n");
+            return -5;
+        }
+        if (vexa::os::lseek(fd, 0, SEEK_SET) != 0 ||
+            read_fully(fd, whole.get(), info.size) != static_cast<ssize_t>(info.size)) {
+            SAVE_E("[ubootenv] Read access failed !!!\n");
+            return -6;
+        }
+        std::memcpy(whole.get(), mEnvData, image);
+        if (info.size > kSecondCopy)
+            std::memcpy(whole.get() + kSecondCopy, mEnvData,
+                        std::min<size_t>(image, info.size - kSecondCopy));
+        erase.length = info.size;
+    }
+    const int erased = vexa::os::ioctl(fd, MEMERASE, &erase);
+    if (erased < 0) {
+        SAVE_E2("[ubootenv] MEMERASE SYS_LOGE %d\n", "[ubootenv] MEMERASE printf %d\n", erased);
+        return -2;
+    }
+    bool written;
+    if (whole) {
+        if (vexa::os::lseek(fd, 0, SEEK_SET) != 0) {
+            SAVE_E2("%s() %d: err is %d\n", "%s() %d: err is %d\n", "save", __LINE__, errno);
+            return -7;
+        }
+        written = write_fully(fd, whole.get(), info.size);
+    } else {
+        // Both copies, each cut at the end of the device.
+        written = true;
+        for (const off_t at : {off_t{0}, kSecondCopy}) {
+            const off_t where = vexa::os::lseek(fd, at, SEEK_SET);
+            if (where != at)
+                SAVE_E("[ubootenv] can not lseek, seek num = %d \n", static_cast<int>(where));
+            const size_t room = info.size > static_cast<uint32_t>(at) ? info.size - at : 0;
+            written = written && write_fully(fd, mEnvData, std::min(image, room));
+        }
+    }
+    if (!written) {
+        SAVE_E2("[ubootenv] SYS_LOGE write, size %d \n", "[ubootenv] printf write, size %d \n",
+                static_cast<int>(image));
         return -3;
     }
     return 0;
 }
 
-void Ubootenv::printValues()
+void EnvStore::printValues()
 {
-    for (const Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next)
+    for (const Ubootenv::Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next)
         ENV_I("[ubootenv] key: [%s], value: [%s]\n", entry->key, entry->value);
 }
 
-int Ubootenv::dump(int fd)
+int EnvStore::dump(int fd)
 {
     int rc = 0;
     std::string line;
-    for (const Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
+    for (const Ubootenv::Attribute *entry = &mEnvAttrHeader; entry != nullptr; entry = entry->next) {
         line = "[ubootenv] key: [";
         line += entry->key;
         line += "], value: [";
@@ -586,10 +698,48 @@ int Ubootenv::dump(int fd)
     return rc;
 }
 
-int Ubootenv::reInit()
+int EnvStore::reInit()
 {
-    std::lock_guard<std::mutex> hold(mEnvLock);
+    Hold hold(mEnvLock);
     release();
     init();
     return 0;
 }
+
+} // namespace vexa::storage
+
+// ---- the class: each member runs the store's rule over the object's fields ----
+
+using vexa::storage::EnvStore;
+
+Ubootenv::Ubootenv()
+    : mEnvPartitionSize(kDefaultImageSize), mEnvSize(kDefaultImageSize - 4), mEnvData(nullptr),
+      mEnvCrc(nullptr), mEnvBuf(nullptr), mEnvInitDone(0)
+{
+    std::memset(mEnvPartitionName, 0, sizeof mEnvPartitionName);
+    std::memset(&mEnvAttrHeader, 0, sizeof mEnvAttrHeader);
+    init();
+}
+
+Ubootenv::~Ubootenv() { EnvStore(*this).release(); }
+
+int Ubootenv::init() { return EnvStore(*this).init(); }
+int Ubootenv::readPartitionData() { return EnvStore(*this).readPartitionData(); }
+void Ubootenv::parseAttribute() { EnvStore(*this).parseAttribute(); }
+void Ubootenv::formatAttribute() { EnvStore(*this).formatAttribute(); }
+int Ubootenv::propertyLoad() { return EnvStore(*this).propertyLoad(); }
+const char *Ubootenv::get(const char *key) { return EnvStore(*this).get(key); }
+int Ubootenv::set(const char *key, const char *value, bool createNew)
+{
+    return EnvStore(*this).set(key, value, createNew);
+}
+bool Ubootenv::isEnv(const char *name) { return EnvStore(*this).isEnv(name); }
+const char *Ubootenv::getValue(const char *name) { return EnvStore(*this).getValue(name); }
+int Ubootenv::updateValue(const char *name, const char *value)
+{
+    return EnvStore(*this).updateValue(name, value);
+}
+int Ubootenv::save() { return EnvStore(*this).save(); }
+void Ubootenv::printValues() { EnvStore(*this).printValues(); }
+int Ubootenv::dump(int fd) { return EnvStore(*this).dump(fd); }
+int Ubootenv::reInit() { return EnvStore(*this).reInit(); }

@@ -155,15 +155,11 @@ VEXA_API int32_t bi_block_write_vendor_storage(int32_t item, const void *buf, ui
 
 VEXA_API int32_t bi_block_check(const char *device)
 {
-    if (!vexa::shell_args_safe(kTag, __func__, {device}))
-        return -1;
     char command[512];
-    const int n = snprintf(command, sizeof(command),
-                           "/system/bin/badblocks -v -o /sdcard/block_test_result.txt %s", device);
-    if (n < 0 || size_t(n) >= sizeof(command)) {
-        VEXA_LOGE(kTag, "%s: device path too long: %s\n", __func__, device);
+    if (!vexa::shell_paths_safe(kTag, __func__, {device}) ||
+        !vexa::shell_format(command, sizeof command, kTag, __func__,
+                            "/system/bin/badblocks -v -o /sdcard/block_test_result.txt %s", device))
         return -1;
-    }
     {
         std::unique_ptr<FILE, PipeClose> pipe(vexa::os::popen(command, "r"));
         if (!pipe) {

@@ -139,7 +139,7 @@ int check_custom_paths(const char *func, const char **paths, int32_t count, int 
                       static_cast<int>(kCustomPathMax));
             return -1;
         }
-        if (!vexa::shell_args_safe(kTag, func, {paths[i]}))
+        if (!vexa::shell_paths_safe(kTag, func, {paths[i]}))
             return -1;
     }
     return 0;
@@ -420,7 +420,7 @@ VEXA_API int32_t bi_rescue_get_restore_screen_tab(void)
 
 VEXA_API int32_t bi_rescue_save_prestore_program(const char *src)
 {
-    if (src != nullptr && !vexa::shell_args_safe(kTag, __func__, {src}))
+    if (src != nullptr && !vexa::shell_paths_safe(kTag, __func__, {src}))
         return -1;
     const int mounted = mount_reserve_twice(false);
     if (mounted != 0)
@@ -442,7 +442,7 @@ VEXA_API int32_t bi_rescue_save_prestore_program(const char *src)
 
 VEXA_API int32_t bi_rescue_recover_prestore_program(const char *dst)
 {
-    if (dst == nullptr || !vexa::shell_args_safe(kTag, __func__, {dst}))
+    if (dst == nullptr || !vexa::shell_paths_safe(kTag, __func__, {dst}))
         return -1;
     const int mounted = mount_reserve_twice(false);
     if (mounted != 0)

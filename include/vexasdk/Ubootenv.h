@@ -14,6 +14,24 @@
 // is 65536, or for "/dev/block/by-name/ubootenv" the size its MEMGETINFO
 // reports.
 //
+// Power loss. A save never leaves the partition without a valid copy, however
+// often the power goes during saves, and it reports a save that did not reach
+// the medium:
+// - each copy is written whole and flushed (fsync) before the other copy is
+//   touched, so that the kernel cannot write the two back interleaved;
+// - when the first copy is valid and the second is not an identical copy of
+//   it (bad after a cut save, or older), the second copy is written first:
+//   the copy that loading would pick is always the last one touched;
+// - a short write or a failed flush fails the save with -3 ("SYS_LOGE write"
+//   message), whichever copy it hit, and the other copy is then left alone.
+// Saves that lose nothing keep their layout, results and messages. An image
+// larger than 65536 bytes (the by-name "ubootenv" device, whose MEMGETINFO
+// size is the whole device) would put its second copy over its first: only
+// the first copy is written then, so such a device has nothing to fall back
+// on. On a memory-technology device each copy's erase blocks are erased and
+// written in the same order; only erase blocks larger than 64 KiB, which hold
+// parts of both copies, leave the erase-everything-then-write window.
+//
 // Errors: every member returns the codes listed at it and logs under the tag
 // "Ubootenv". Each message begins "[Ubootenv.cpp, <member>, <line>] ".
 // Messages are filtered by the property "persist.vendor.sc.log.level"
@@ -36,16 +54,17 @@
 #include <mutex>
 
 #include "vexasdk/export.h"
+#include "vexasdk/storage.h"
+
+namespace vexa::storage {
+class EnvStore;
+}
 
 class VEXA_API Ubootenv {
 public:
     // One variable of the environment. Entries keep the partition's order;
     // new keys are appended at the tail.
-    struct Attribute {
-        Attribute *next;
-        char key[256];
-        char value[4096];
-    };
+    using Attribute = ubootenv_attribute;
 
     // Clears the path and the lock, then runs init().
     Ubootenv();
@@ -84,9 +103,10 @@ public:
     // saved; -1 not initialised; -2 not a variable; otherwise the last save()
     // result.
     int updateValue(const char *name, const char *value);
-    // Writes both copies. 0; -1 open failed; -2 erase failed; -3 write failed;
-    // -4 MEMGETINFO failed; -5 out of memory; -6 read-back failed; -7 seek
-    // failed.
+    // Writes both copies, each flushed before the other is touched (see
+    // "Power loss" above). 0; -1 open failed; -2 erase failed; -3 write or
+    // flush failed; -4 MEMGETINFO failed; -5 out of memory; -6 read-back
+    // failed; -7 seek failed.
     int save();
     // Logs every entry.
     void printValues();
@@ -97,21 +117,7 @@ public:
     int reInit();
 
 private:
-    // The library's own helpers: not part of the exported interface.
-#define UBOOTENV_HIDDEN __attribute__((visibility("hidden")))
-    friend struct UbootenvTwin;
-    enum class Voice { SystemLog, StandardOutput };
-    // A store that prints to standard output and is not read until init().
-    UBOOTENV_HIDDEN explicit Ubootenv(Voice voice);
-
-    UBOOTENV_HIDDEN void release();
-    UBOOTENV_HIDDEN void freeEntries();
-    UBOOTENV_HIDDEN bool devicePresent(const char *path);
-    UBOOTENV_HIDDEN void say(int prio, const char *member, int line, const char *fmt, ...)
-        __attribute__((format(printf, 5, 6)));
-    UBOOTENV_HIDDEN void sayAs(int prio, const char *member, int line, const char *classFmt,
-                               const char *twinFmt, ...);
-#undef UBOOTENV_HIDDEN
+    friend class vexa::storage::EnvStore;
 
     char mEnvPartitionName[32];
     uint32_t mEnvPartitionSize;
@@ -122,7 +128,6 @@ private:
     Attribute mEnvAttrHeader;
     std::mutex mEnvLock;
     uint8_t mEnvInitDone;
-    Voice mVoice;
 };
 
 #endif

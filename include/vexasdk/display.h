@@ -386,8 +386,10 @@ VEXA_API int32_t formatVendor45(void);
 /* On the products that keep saved resolutions: 1 when item 45 holds a valid
  * record (a fixed mode), 0 when not (automatic mode). Other products: 0. */
 VEXA_API int32_t getDisplayMode(void);
-/* Offset 512 x (index + 1) of a table index; index 11 gives 6144. 0, or -1
- * for an index of 12 or more. */
+/* Rows {index, offset} for indexes 0 to 10: offset 512 x (index + 1). */
+VEXA_API extern const uint32_t offset_addr_table[11][2];
+/* The offset_addr_table offset of an index; index 11, which has no row, gives
+ * 6144 by the same rule. 0, or -1 for an index of 12 or more. */
 VEXA_API int32_t get_offset_by_index(uint32_t index, uint32_t *offset);
 
 /* ---- Resolution API ---- */

@@ -222,9 +222,13 @@ VEXA_API int32_t bi_common_ini_free(void *dict);
  *
  * Errors: -1 for null arguments and flag files that cannot be opened (with
  * "open file error!: <system error>" on standard error). Shell commands are
- * checked only where stated. A path that reaches a shell command and holds
- * shell metacharacters, or does not fit the command's buffer, is refused with
- * an error line and -1 (nothing is run).
+ * checked only where stated. A path handed to rm, cp, chmod, chown or
+ * mkfs.ext4 must be a plain absolute path: one that starts with '-', is
+ * relative, has a ".." component, names "/" itself or holds shell
+ * metacharacters is refused with the error line
+ * "<function>: refusing path \"<path>\": <reason>" and -1, and nothing is
+ * run. A command that does not fit its buffer is not run at all ("<function>:
+ * command does not fit in <size> bytes: <command>").
  *
  * Threads: no locking; callers serialise use of the same files.
  */
@@ -244,7 +248,9 @@ VEXA_API int32_t bi_base_init_flag(const char *path);
  * compatibility); the destination is flushed, so the copy is whole on return. */
 VEXA_API void bi_base_copy_file(const char *dst_dir, const char *src_dir, const char *name);
 /* Replaces dst's contents with a copy of src's ("rm -rf DST/(everything)", "mkdir -p",
- * "cp -rf src/. dst", "chmod -R 0777", "chown -R system", then sync). */
+ * "cp -rf src/. dst", "chmod -R 0777", "chown -R system", then sync). Runs
+ * none of them when a path is refused or one command would not fit 512
+ * bytes. */
 VEXA_API void bi_base_copy_dir(const char *src, const char *dst);
 /* 0 when the directory can be opened, else -1. */
 VEXA_API int32_t bi_base_dir_check(const char *path);

@@ -6,6 +6,9 @@
 #define VEXASDK_STORAGE_H
 
 #include <stdint.h>
+#ifdef VEXASDK_UBOOTENV_SHORT_NAMES
+#include <pthread.h>
+#endif
 
 #include "vexasdk/export.h"
 
@@ -49,8 +52,9 @@ VEXA_API int32_t bi_block_write_vendor_storage(int32_t item, const void *buf, ui
 
 /* Runs badblocks over the device into "/sdcard/block_test_result.txt": 0 when
  * the result file is empty or missing, -1 when it lists bad blocks, when the
- * command cannot run, or when the path holds shell metacharacters or does
- * not fit the 512-byte command. */
+ * command cannot run, or when the device is not a plain absolute path (see
+ * the file utilities in vexasdk/product_config.h) or does not fit the
+ * 512-byte command; nothing is run then. */
 VEXA_API int32_t bi_block_check(const char *device);
 
 /* ---- end of block partitions and vendor storage ---- */
@@ -58,29 +62,38 @@ VEXA_API int32_t bi_block_check(const char *device);
 /* ---- U-Boot environment ---- */
 
 /*
- * The U-Boot environment store over one module-wide object; the same store as
- * the C++ class Ubootenv (vexasdk/Ubootenv.h), which documents the partition
- * and its rules. Variables are named with the prefix "ubootenv.var." (the
- * partition stores them without it). These functions print their messages on
- * standard output, not to the system log.
+ * The U-Boot environment store over one module-wide store; the same store as
+ * the C++ class Ubootenv (vexasdk/Ubootenv.h), which documents the partition,
+ * its rules and how a save survives a power cut. Variables are named with the
+ * prefix "ubootenv.var." (the partition stores them without it). These
+ * functions print their messages on standard output, not to the system log.
  *
- * Only the ubootenv_* functions are exported. The store's lower operations
- * (init, save, get_value, set_value, is_env, read_partition_data, ...) are
- * not: names that short would collide with a caller's own. The class
- * Ubootenv offers them as members (init, save, get, set, isEnv, ...).
+ * The store's lower operations and its state are exported under their short
+ * names as well (init, save, get_value, mEnvData, ...: see the end of this
+ * section). Names that short easily clash with a program's own, so they are
+ * declared only when VEXASDK_UBOOTENV_SHORT_NAMES is defined before this
+ * header is included.
  *
  * Errors: ubootenv_init returns 0, -2 (no device or no copy could be read) or
  * -3 (MEMGETINFO failed); ubootenv_update_value returns 0 (unchanged or
  * saved), -1 (not initialised), -2 (not a variable) or the last save result
- * (-1 open, -2 erase, -3 write, -4 MEMGETINFO, -5 memory, -6 read-back, -7
- * seek failed).
+ * (-1 open, -2 erase, -3 write or flush, -4 MEMGETINFO, -5 memory, -6
+ * read-back, -7 seek failed).
  *
- * Threads: a mutex guards ubootenv_update_value, ubootenv_get_value and
- * ubootenv_reinit. Call ubootenv_init and ubootenv_destroy while no other
- * thread uses the store. A returned value points into the store: it stays
+ * Threads: a mutex (mEnvLock) guards ubootenv_update_value,
+ * ubootenv_get_value and ubootenv_reinit. Call ubootenv_init and
+ * ubootenv_destroy while no other thread uses the store; the short-named
+ * operations take no lock. A returned value points into the store: it stays
  * valid until ubootenv_reinit or ubootenv_destroy, and its text changes in
  * place when the same variable is updated.
  */
+
+/* One variable of an environment store; entries keep the partition's order. */
+typedef struct ubootenv_attribute {
+    struct ubootenv_attribute *next; /* null at the end of the list */
+    char key[256];
+    char value[4096];
+} ubootenv_attribute;
 
 /* "ubootenv.var.": the prefix of every variable name. */
 VEXA_API extern const char *const PROFIX_UBOOTENV_VAR;
@@ -101,6 +114,40 @@ VEXA_API int32_t ubootenv_dump(int32_t fd);
 /* Frees everything and reads the partition again; 0. */
 VEXA_API int32_t ubootenv_reinit(void);
 
+#ifdef VEXASDK_UBOOTENV_SHORT_NAMES
+/* The module-wide store's state, as Ubootenv's members of the same names. */
+VEXA_API extern char mEnvPartitionName[32];     /* device path, "" when none */
+VEXA_API extern uint32_t mEnvPartitionSize;     /* image size S */
+VEXA_API extern uint32_t mEnvSize;              /* data size, S - 4 */
+VEXA_API extern uint8_t *mEnvData;              /* the image (S bytes), owned */
+VEXA_API extern ubootenv_attribute mEnvAttrHeader; /* first entry */
+VEXA_API extern pthread_mutex_t mEnvLock;
+VEXA_API extern uint8_t mEnvInitDone;           /* 1 once a read succeeded */
+
+/* The lower operations, as the Ubootenv members of the same meaning. */
+/* init(): picks the device and reads it (without clearing the path first,
+ * unlike ubootenv_init); 0, -2 or -3. */
+VEXA_API int32_t init(void);
+/* 1 for a name that begins with "ubootenv.var." and is longer, else 0. */
+VEXA_API int32_t is_env(const char *name);
+/* The value of key (without prefix), or null when absent or not initialised. */
+VEXA_API const char *get_value(const char *key);
+/* Sets key (without prefix): 2 replaced, 1 created (create non-zero), 0
+ * absent and not created. Takes no lock and writes nothing. */
+VEXA_API int32_t set_value(const char *key, const char *value, int32_t create);
+/* Writes both copies from the entries; the save results above. */
+VEXA_API int32_t save(void);
+/* Reads the partition: 0; -1 open failed; -2 out of memory; -3 second copy
+ * has a bad CRC. */
+VEXA_API int32_t read_partition_data(void);
+/* Prints the property count (always 0) and marks the store initialised; 0. */
+VEXA_API int32_t property_load(void);
+/* Rebuilds the entries from the image's data area. */
+VEXA_API void parse_attribute(void);
+/* Rebuilds the image's data area from the entries. */
+VEXA_API void format_attribute(void);
+#endif
+
 /* ---- end of U-Boot environment ---- */
 
 /* ---- Rescue backup and restore ---- */
@@ -120,8 +167,10 @@ VEXA_API int32_t ubootenv_reinit(void);
  * the backup "changes into" a directory it checks that it could.
  *
  * Errors: as listed per function; messages go to the log under the tag
- * "vexa_system_bi_rescue". Directory paths that reach shell commands and
- * hold shell metacharacters are refused with -1.
+ * "vexa_system_bi_rescue". A caller's directory path that is not a plain
+ * absolute path (it starts with '-', is relative, has a ".." component, names
+ * "/" itself or holds shell metacharacters) is refused with -1 and an error
+ * line before anything is mounted, removed or copied.
  *
  * Threads: only bi_rescue_get_backup_time takes a lock. Do not run two of the
  * others at once: they share the mount point.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "sim/env/env_image.h"
+#include "sim/partitions/page_cache.h"
 #include "support/board_fixture.h"
 
 namespace vexa::test {
@@ -18,6 +19,16 @@ namespace vexa::test {
 class EnvTest : public BoardTest {
 protected:
     static constexpr const char *kDevice = "/dev/block/by-name/env";
+
+    // The partition sits behind a page cache, as on the device: saves flush
+    // it, and tests can cut the power between a write and its write-back.
+    void SetUp() override
+    {
+        BoardTest::SetUp();
+        cache_ = sim::add_page_cache(board(), kDevice);
+    }
+
+    sim::PageCache &cache() { return *cache_; }
 
     // The store's log lines with the source line number written as N:
     // "[Ubootenv.cpp, init, 212]" -> "[Ubootenv.cpp, init, N]".
@@ -75,6 +86,9 @@ public:
         ::close(fd);
         return text;
     }
+
+private:
+    std::shared_ptr<sim::PageCache> cache_;
 };
 
 } // namespace vexa::test

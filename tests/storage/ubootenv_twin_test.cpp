@@ -1,4 +1,5 @@
 // The exported C store: the same rules as the class, printed on standard output.
+#define VEXASDK_UBOOTENV_SHORT_NAMES
 #include <gtest/gtest.h>
 
 #include "env_support.h"
@@ -69,9 +70,9 @@ TEST_F(UbootenvTwinTest, UpdateCreatesAndAnnouncesEverySuccessfulSave)
 
     // Unlike the class, a save that worked only on the fifth attempt is
     // announced too.
-    Fault eight = Fault::on("write").at(kDevice);
-    eight.times = 8;
-    board().inject(eight);
+    Fault four = Fault::on("write").at(kDevice);
+    four.times = 4;
+    board().inject(four);
     const std::string out = printed([] { EXPECT_EQ(ubootenv_update_value("ubootenv.var.newkey", "w"), 0); });
     EXPECT_NE(out.find("[ubootenv] printf write, size 65536 \n[ubootenv] Cannot write /dev/block/by-name/env: -3.\n"),
               std::string::npos);
@@ -105,6 +106,40 @@ TEST_F(UbootenvTwinTest, DestroyedStoreRefusesUpdatesAndReinitReadsAgain)
     EXPECT_STREQ(ubootenv_get_value("ubootenv.var.k"), "fresh");
     EXPECT_EQ(dumped([](int fd) { ubootenv_dump(fd); }), "[ubootenv] key: [k], value: [fresh]\n");
     EXPECT_EQ(printed([] { ubootenv_print_values(); }), "[ubootenv] key: [k], value: [fresh]\n");
+}
+
+TEST_F(UbootenvTwinTest, ShortNamesWorkOnTheExportedState)
+{
+    printed([] { ubootenv_init(); });
+    EXPECT_STREQ(mEnvPartitionName, kDevice);
+    EXPECT_EQ(mEnvPartitionSize, 65536u);
+    EXPECT_EQ(mEnvSize, 65532u);
+    EXPECT_EQ(mEnvInitDone, 1);
+    EXPECT_STREQ(mEnvAttrHeader.key, "arch");
+    ASSERT_NE(mEnvData, nullptr);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(mEnvData) + 4), "arch=arm");
+
+    EXPECT_EQ(is_env("ubootenv.var.x"), 1);
+    EXPECT_EQ(is_env("ubootenv.var."), 0);
+    EXPECT_STREQ(get_value("devtype"), "mmc");
+    EXPECT_EQ(printed([] { EXPECT_EQ(set_value("zz", "1", 1), 1); }),
+              "[ubootenv] ubootenv.var.zz not found, create it.\n");
+    EXPECT_EQ(set_value("devtype", "usb", 0), 2);
+    EXPECT_EQ(save(), 0);
+    EXPECT_THAT(copy_at(0), ::testing::Contains("zz=1"));
+    EXPECT_THAT(copy_at(65536), ::testing::Contains("devtype=usb"));
+
+    // The store's state is these objects: the lock is the one updates take.
+    ASSERT_EQ(pthread_mutex_trylock(&mEnvLock), 0);
+    pthread_mutex_unlock(&mEnvLock);
+    ubootenv_destroy();
+    EXPECT_EQ(mEnvData, nullptr);
+    EXPECT_EQ(mEnvInitDone, 0);
+    write_partition({"k=v"});
+    EXPECT_EQ(printed([] { EXPECT_EQ(read_partition_data(), 0); }), "");
+    EXPECT_EQ(get_value("k"), nullptr); // not initialised yet
+    printed([] { EXPECT_EQ(property_load(), 0); });
+    EXPECT_STREQ(get_value("k"), "v");
 }
 
 } // namespace

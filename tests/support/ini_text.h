@@ -29,6 +29,15 @@ inline std::string ini_with(const std::string &key, std::optional<std::string> v
     return out;
 }
 
+// The value of key in the default INI (each key appears once there).
+inline std::string ini_value(const std::string &key)
+{
+    const std::string ini = sim::default_product_ini();
+    const std::string head = "\n" + key + " = ";
+    const size_t at = ini.find(head) + head.size();
+    return ini.substr(at, ini.find('\n', at) - at);
+}
+
 } // namespace vexa::test
 
 #endif
