@@ -37,7 +37,9 @@ constexpr const char *kPhyLinkFile = "/sys/class/ethernet/vexaphyreg";
 constexpr const char *kModules = "/proc/modules";
 constexpr const char *kMacDriver = "dwmac_meson8b";
 constexpr size_t kLoadImageSize = 819200;
-// The SPI bus runs at 10 MHz: 800 ns a byte.
+// A transfer costs the driver's turn-around (100 us) and 800 ns a byte on
+// the 10 MHz bus.
+constexpr uint64_t kTransferNs = 100000;
 constexpr uint64_t kBusNsPerByte = 800;
 // The record of transfers keeps the latest ones.
 constexpr size_t kRecordMax = 1u << 16;
@@ -271,7 +273,7 @@ void FpgaModel::advance_bus(size_t bytes)
     // The transfer's time on the bus counts on a fast clock, so that a wait
     // paced by transfers ends in board time, not in real seconds.
     if (auto s = state_.lock(); s && s->fast)
-        s->clock_offset_ns += int64_t(bytes * kBusNsPerByte);
+        s->clock_offset_ns += int64_t(kTransferNs + bytes * kBusNsPerByte);
 }
 
 void FpgaModel::restore()
