@@ -33,6 +33,7 @@ namespace {
 constexpr const char *kConf = "/.board/fpga.conf";
 constexpr const char *kStateFile = "/.board/fpga/state";
 constexpr const char *kProgramFile = "/.board/fpga/program.bin";
+constexpr const char *kCardsFile = "/.board/fpga/cards";
 constexpr const char *kPhyLinkFile = "/sys/class/ethernet/vexaphyreg";
 constexpr const char *kModules = "/proc/modules";
 constexpr const char *kMacDriver = "dwmac_meson8b";
@@ -295,6 +296,20 @@ void FpgaModel::restore()
         wire::parse_tags(program_.data(), program_.size(), tag_.data());
     }
     persisted_ = read_host(root_ + kStateFile);
+    // The cards' registers: "PORT CARD ADDRESS HEXBYTES", a run of bytes a line.
+    std::istringstream cards(read_host(root_ + kCardsFile));
+    while (std::getline(cards, line)) {
+        std::istringstream words(line);
+        int port = -1, card = -1;
+        std::string address_text, data;
+        long long address = 0;
+        words >> port >> card >> address_text >> data;
+        if (port < 0 || card < 0 || !parse_number(address_text, &address) || data.size() % 2)
+            continue;
+        auto &regs = cards_[{port, card}];
+        for (size_t i = 0; i + 1 < data.size(); i += 2)
+            regs[uint32_t(address) + uint32_t(i / 2)] = uint8_t(std::stoul(data.substr(i, 2), nullptr, 16));
+    }
     negotiated_ = configured_ && values["negotiated"] == "1";
     outputs_on_ = configured_ && values["outputs"] == "1";
     gmac_udp_ = values["gmac_udp"] == "1";
@@ -563,6 +578,7 @@ void FpgaModel::send_card_frame()
             for (size_t i = 0; i < frame->data.size(); ++i)
                 regs[frame->address + uint32_t(i)] = frame->data[i];
         }
+        persist_cards();
     } else {
         const auto &regs = cards_[{frame->port, 0}];
         for (uint32_t i = 0; i < frame->length; ++i) {
@@ -620,6 +636,33 @@ void FpgaModel::update_mailbox(uint16_t offset, const uint8_t *buf, size_t n)
         flash_erase(0, erase);
         flash_program(0, reinterpret_cast<const uint8_t *>(image.data()), image.size(), -1);
     }
+}
+
+void FpgaModel::persist_cards() const
+{
+    static const char hex[] = "0123456789abcdef";
+    std::ostringstream out;
+    for (const auto &[which, regs] : cards_) {
+        uint32_t start = 0, next = 0;
+        std::string run;
+        auto flush = [&] {
+            if (!run.empty())
+                out << which.first << ' ' << which.second << " 0x" << std::hex << start << std::dec << ' ' << run
+                    << '\n';
+            run.clear();
+        };
+        for (const auto &[address, value] : regs) {
+            if (run.empty() || address != next) {
+                flush();
+                start = address;
+            }
+            run += hex[value >> 4];
+            run += hex[value & 0xF];
+            next = address + 1;
+        }
+        flush();
+    }
+    write_host(root_ + kCardsFile, out.str());
 }
 
 // ---- SPI ----

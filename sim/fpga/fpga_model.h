@@ -60,9 +60,10 @@
 //   mtd_cut=N                      mtd_debug write stops after N bytes, failing
 //
 // State that other processes see lives in the board folder: the done line,
-// the flash, ROOT/.board/fpga/program.bin (the running program) and
+// the flash, ROOT/.board/fpga/program.bin (the running program),
 // ROOT/.board/fpga/state (whether it is configured, the link and output
-// state); registers live with the model.
+// state) and ROOT/.board/fpga/cards (the cards' registers, "PORT CARD
+// ADDRESS HEXBYTES" a run); the FPGA's own registers live with the model.
 //
 // Threads: every method may be called from any thread; the UDP link is
 // served on the model's own thread.
@@ -218,6 +219,7 @@ private:
     void sync_phy();
     bool driver_loaded() const;
     void persist();
+    void persist_cards() const;
     void restore();
     // Flash.
     void ensure_flash_locked();
