@@ -4,6 +4,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <vector>
@@ -52,8 +53,13 @@ constexpr uint8_t kCsc3[33] = {0x02, 0x10, 0xa4, 0x02, 0x00, 0x00, 0x10, 0x00, 0
                                0x10, 0xb1, 0x1d, 0x00, 0x00, 0x4f, 0xe2, 0x01, 0x00, 0x00, 0x00};
 constexpr uint8_t kParamsComplete[7] = {0x02, 0x10, 0x00, 0x01, 0x00, 0x01, 0x00};
 
-using Buffer = std::unique_ptr<uint8_t[]>;
-Buffer screen_buffer() { return Buffer(new (std::nothrow) uint8_t[kScreenSize]()); }
+struct FreeDeleter {
+    void operator()(uint8_t *p) const { std::free(p); }
+};
+using Buffer = std::unique_ptr<uint8_t[], FreeDeleter>;
+// A zeroed 2 MiB buffer. calloc takes fresh zero pages from the system, so
+// only the pages that are used cost anything.
+Buffer screen_buffer() { return Buffer(static_cast<uint8_t *>(std::calloc(kScreenSize, 1))); }
 
 bool in(uint32_t address, uint32_t first, uint32_t last) { return address >= first && address <= last; }
 
@@ -304,8 +310,8 @@ VEXA_API int32_t fpgaLoadScreenParamsBySpi(void)
     if (read_screen_paramter(image.get()) >= 0)
         count = parse_emmc_block(packed.get(), image.get());
     if (count <= 0) {
-        std::memset(image.get(), 0, kScreenSize);
-        if (read_file(kLedScreenHex, image.get(), kScreenSize) < 0) {
+        image = screen_buffer();
+        if (!image || read_file(kLedScreenHex, image.get(), kScreenSize) < 0) {
             VEXA_LOGE(kTagFw, "%s: first_one = 1 failed to read screen paramter", __func__);
             return -1;
         }

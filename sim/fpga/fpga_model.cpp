@@ -505,9 +505,14 @@ void FpgaModel::write_regs(uint32_t address, const uint8_t *data, size_t n)
 {
     if (!configured_ || n == 0)
         return;
-    for (size_t i = 0; i < n; ++i) {
-        const uint32_t a = address + uint32_t(i);
-        pages_[a & ~0xFFFu][a & 0xFFFu] = data[i];
+    for (size_t done = 0; done < n;) {
+        const uint32_t a = address + uint32_t(done);
+        const size_t run = std::min<size_t>(n - done, 0x1000u - (a & 0xFFFu));
+        auto page = pages_.find(a & ~0xFFFu);
+        if (page == pages_.end())
+            page = pages_.emplace(a & ~0xFFFu, std::array<uint8_t, 4096>{}).first;
+        std::memcpy(page->second.data() + (a & 0xFFFu), data + done, run);
+        done += run;
     }
     auto covers = [&](uint32_t a) { return a - address < n; };
     auto value = [&](uint32_t a) { return data[a - address]; };
@@ -541,7 +546,8 @@ void FpgaModel::write_regs(uint32_t address, const uint8_t *data, size_t n)
         outputs_on_ = value(wire::kWindowBase + wire::kNetOutputs) == 1 && !k.outputs_stuck;
     if (covers(wire::kWindowBase + wire::kCardControl) && value(wire::kWindowBase + wire::kCardControl) == 1)
         send_card_frame();
-    sync_phy();
+    if (changed)
+        sync_phy();
     persist();
 }
 
