@@ -16,9 +16,10 @@
  * flash), 4374 is the hcu900pro (loaded by the HAL, parameters over UDP).
  *
  * Records. Most functions take their pins and paths from bi_product
- * (bi_init_product_config); the boot-time load processes, fpgaCheckDone,
- * fpgaFwUpdate, fpgaFlashFormat and fpgaFlashWrite take them from
- * config_info (parseConfigInfo), and refuse with -1 while it is not loaded.
+ * (bi_init_product_config); the pz50pro and hcu900pro load processes,
+ * fpgaCheckDone, fpgaFwUpdate, fpgaFlashFormat and fpgaFlashWrite take them
+ * from config_info (parseConfigInfo) and refuse (-1; fpgaCheckDone 0) while
+ * it is not loaded.
  *
  * Logging: "vexa_system_bi_fpga" for the bi_ functions and the receiving
  * cards; "vexa_system_fw_update" for the load processes, fpgaCheckDone, the
@@ -128,14 +129,15 @@ VEXA_API int32_t bi_fpga_eth1_config_pz2k(void);
  * command's status; -1 (nothing run) for a resolution with shell
  * metacharacters. */
 VEXA_API int32_t open_hdr(void);
-/* The boot-time load processes, 0 or -1 (config_info must be loaded):
+/* The boot-time load processes, 0 or -1:
  * - pz50pro: HDR, then a pending flash update ("persist.vexa.system.fpga.fw.update"
  *   "1": format, 1 s, write, done check; the property is cleared only after
  *   a good update, so a failed one is retried at the next boot), the done
  *   check, DDR check and recovery, screen parameters from the "screen"
  *   partition, the SGMII/PHY bring-up (after an update, also the switch of
  *   the MAC to the UDP link). Failures after the done check are logged only.
- * - hcu900pro: temporary HAL load, 1 s, eth1 set-up, 1 s, UDP parameters.
+ * - hcu900pro: temporary HAL load, 1 s, eth1 set-up, 1 s, UDP parameters
+ *   (config_info's paths).
  * - QRxx t507 (families 0 and 2): a pending update (bi_fpga_active_update_program),
  *   then bi_fpga_load_parameter. */
 VEXA_API int32_t fpgaLoadProcessPz50Pro(void);
