@@ -45,8 +45,11 @@ run fpga update "$dir/new.bin" >/dev/null 2>"$dir/err"
 check "a cut-off update fails" "1 vexactl: update failed; see 'vexactl log'" "$? $(cat "$dir/err")"
 check "done stays low" '"done":0' "$(run --json fpga status 2>/dev/null | json | grep -o '"done":[0-9]')"
 run fpga knob mtd_cut= >/dev/null 2>&1
-run fpga update "$dir/new.bin" >/dev/null 2>&1
-check "the next update succeeds" '"done":1' "$(run --json fpga status 2>/dev/null | json | grep -o '"done":[0-9]')"
+run fpga update - <"$dir/new.bin" >/dev/null 2>&1
+check "the next update, from standard input, succeeds" '"done":1' \
+    "$(run --json fpga status 2>/dev/null | json | grep -o '"done":[0-9]')"
+run fpga update "$dir/none.bin" >/dev/null 2>"$dir/err"
+check "a missing file fails" "1" "$?"
 
 # The pz50pro parameters and the SGMII link.
 check "params" "params: fpgaLoadScreenParamsBySpi returned 0" "$(run fpga params 2>/dev/null)"
