@@ -124,7 +124,7 @@ void wait_for_status(const char *func)
 }
 
 // Step 5: the packets of one block, by its address.
-void send_block(const char *func, const uint8_t *packed, const st_func_offset_map_t &e)
+void send_block(const uint8_t *packed, const st_func_offset_map_t &e)
 {
     const uint32_t a = e.fpga_addr;
     if (in(a, 0x10300000, 0x10313000) || in(a, 0x10200000, 0x10204000)) {
@@ -147,7 +147,6 @@ void send_block(const char *func, const uint8_t *packed, const st_func_offset_ma
         send_from(packed, uint64_t(e.offset) + 3, 0x10000103, 2);
         send_from(packed, uint64_t(e.offset) + 11, 0x1000010B, 1);
     }
-    (void)func;
 }
 
 } // namespace
@@ -352,7 +351,7 @@ VEXA_API int32_t fpgaLoadScreenParamsBySpi(void)
         ++k;
     }
     for (uint32_t i = 0; i < entries; ++i)
-        send_block(__func__, packed.get(), st_func_offset_map_tab[i]);
+        send_block(packed.get(), st_func_offset_map_tab[i]);
 
     sendFixedParameter(uint32_t(count), packed.get());
     VEXA_LOGD(kTagFw, "%s: sendFixedParameter end", __func__);
