@@ -107,6 +107,43 @@ int hal_system_get_pid(const char *name, int32_t *pids, int32_t max);
 int hal_get_process_info_by_name(const char *name, bi_process_info_t *ps, int32_t max);
 int hal_system_kill_pid(int32_t pid);
 
+/* SPI transfers on a device node (the FPGA's spi_fpga device): write sends
+ * len bytes, read clocks in len bytes (sending zeros), write_read is full
+ * duplex (the bytes received replace the bytes sent in buf). len on success,
+ * negative on failure. */
+int hal_spi_write(const char *dev, const void *buf, uint32_t len);
+int hal_spi_read(const char *dev, void *buf, uint32_t len);
+int hal_spi_write_read(const char *dev, void *buf, uint32_t len);
+
+/* FPGA program loaders. The request of the synchronous loader: the driver id
+ * and the program file's path, zeroed before filling. Both load the program
+ * file and return when the FPGA is configured: 0 (sync) or non-negative
+ * (temp) on success; a failed load (no file, a program the FPGA refuses, a
+ * done pin that never rises) is non-zero (sync) or negative (temp). */
+#define HAL_FPGA_PATH_SIZE 128
+typedef struct {
+    uint32_t fpga_drv_id;
+    char path[HAL_FPGA_PATH_SIZE];
+} hal_fpga_load_request_t;
+int hal_fpga_load_program_sync(const hal_fpga_load_request_t *request);
+/* A load through the driver node drv_path (the board's "/dev/fpga_load"). */
+int hal_fpga_load_program_sync_temp(const char *drv_path, const char *program_path);
+
+/* The maker's FPGA UDP library: one process-wide link to the FPGA's register
+ * space over Ethernet. FPGA_UDP_Init(interface, reply_timeout_ms) opens it
+ * (interface 0: the FPGA's first Ethernet link; a block call waits at most
+ * reply_timeout_ms for the FPGA's answer), opening it again replaces it;
+ * FPGA_UDP_Close closes it. The block calls move len bytes at a register
+ * address over link 1 (the register link) and return len, or a negative
+ * value when the link is not open, the FPGA refuses or does not answer.
+ * fpgaSwitchGmacToUdp hands the SoC's Ethernet MAC that faces the FPGA over
+ * to the UDP link; negative on failure. */
+int FPGA_UDP_Init(int interface, int reply_timeout_ms);
+int FPGA_UDP_Close(void);
+int WriteFPGABlock(int link, uint32_t address, uint32_t len, const void *data);
+int ReadFPGABlock(int link, uint32_t address, uint32_t len, void *data);
+int fpgaSwitchGmacToUdp(void);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,13 +10,10 @@
 #include "platform/os.h"
 #include "platform/unique.h"
 #include "selftest/test_items.h"
+#include "vexasdk/fpga.h"
 #include "vexasdk/network.h"
 #include "vexasdk/peripherals.h"
 #include "vexasdk/selftest.h"
-
-// The FPGA's done status comes from the FPGA area; a library built without
-// it reports the item as "Error".
-extern "C" int32_t bi_fpga_get_fpga_done_status(void) __attribute__((weak));
 
 namespace {
 
@@ -208,7 +205,7 @@ VEXA_API int32_t checktFpgaDoneStatus(const char *name, char *buf, int32_t len)
 {
     if (!args_ok(name, buf, len))
         return -1;
-    const bool ok = bi_fpga_get_fpga_done_status && bi_fpga_get_fpga_done_status() >= 0;
+    const bool ok = bi_fpga_get_fpga_done_status() >= 0;
     return verdict(name, buf, len, ok);
 }
 

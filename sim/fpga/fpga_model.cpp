@@ -1,0 +1,1135 @@
+// The virtual board's FPGA: registers, program and done pin, flash, PHY,
+// receiving cards and the UDP link.
+#include "sim/fpga/fpga_model.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "platform/fpga_wire.h"
+#include "sim/fpga/udp_wire.h"
+#include "sim/state.h"
+
+namespace fs = std::filesystem;
+namespace wire = vexa::fpga_wire;
+
+namespace vexa::sim {
+
+namespace {
+
+constexpr const char *kConf = "/.board/fpga.conf";
+constexpr const char *kStateFile = "/.board/fpga/state";
+constexpr const char *kProgramFile = "/.board/fpga/program.bin";
+constexpr const char *kCardsFile = "/.board/fpga/cards";
+constexpr const char *kPhyLinkFile = "/sys/class/ethernet/vexaphyreg";
+constexpr const char *kModules = "/proc/modules";
+constexpr const char *kMacDriver = "dwmac_meson8b";
+constexpr size_t kLoadImageSize = 819200;
+// A transfer costs the driver's turn-around (100 us) and 800 ns a byte on
+// the 10 MHz bus.
+constexpr uint64_t kTransferNs = 100000;
+constexpr uint64_t kBusNsPerByte = 800;
+// The record of transfers keeps the latest ones.
+constexpr size_t kRecordMax = 1u << 16;
+
+std::string read_host(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Writes a file of the board; its folder must exist (a board being taken
+// down gets no new folders).
+void write_host(const std::string &path, const std::string &contents)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << contents;
+}
+
+std::string trim(const std::string &s)
+{
+    const auto first = s.find_first_not_of(" \t\r");
+    if (first == std::string::npos)
+        return "";
+    return s.substr(first, s.find_last_not_of(" \t\r") - first + 1);
+}
+
+bool parse_number(const std::string &text, long long *value)
+{
+    if (text.empty())
+        return false;
+    char *end = nullptr;
+    errno = 0;
+    const long long v = std::strtoll(text.c_str(), &end, 0);
+    if (*end != '\0' || errno != 0)
+        return false;
+    *value = v;
+    return true;
+}
+
+std::string default_payload(int version)
+{
+    std::string payload(48 * 1024, '\0');
+    uint32_t x = 0x9E3779B9u * uint32_t(version);
+    for (char &c : payload) {
+        x = x * 1103515245u + 12345u;
+        c = char(x >> 16);
+    }
+    return payload;
+}
+
+// The tags text of a 7-byte BCD tag.
+std::string tags_of(const std::array<uint8_t, 7> &tag)
+{
+    static const char hex[] = "0123456789abcdef";
+    std::string digits;
+    for (uint8_t b : tag) {
+        digits += hex[b >> 4];
+        digits += hex[b & 0xF];
+    }
+    return digits.substr(0, 8) + "-" + digits.substr(8);
+}
+
+std::string hex_bytes(const uint8_t *p, size_t n)
+{
+    static const char hex[] = "0123456789abcdef";
+    std::string out;
+    for (size_t i = 0; i < n; ++i) {
+        if (i)
+            out += ' ';
+        out += hex[p[i] >> 4];
+        out += hex[p[i] & 0xF];
+    }
+    return out;
+}
+
+const uint8_t kStatusInForce[] = {0, 3, 0, 1}; // bytes 22-25
+
+} // namespace
+
+// ---- knobs ----
+
+const std::vector<std::pair<std::string, std::string>> &fpga_knob_keys()
+{
+    static const std::vector<std::pair<std::string, std::string>> keys = {
+        {"done", "normal|never|stuck_high"}, {"spi", "ok|fail"},
+        {"cards", "N"},                      {"silent_ports", "P,P,..."},
+        {"sgmii_clock", "ok|never"},         {"negotiation", "ok|never"},
+        {"phy_link", "auto|up|down"},        {"tag_update", "ok|stuck"},
+        {"source_mode", "0xNN"},             {"source", "hdmi|dvi|none"},
+        {"ddr", "good|bad|recovers"},        {"status", "ok|never"},
+        {"net_outputs", "ok|stuck"},         {"udp", "ok|silent"},
+        {"mtd_cut", "BYTES"},
+    };
+    return keys;
+}
+
+FpgaKnobs parse_fpga_knobs(const std::string &text)
+{
+    FpgaKnobs k;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        line = trim(line.substr(0, line.find('#')));
+        const auto eq = line.find('=');
+        if (eq == std::string::npos)
+            continue;
+        const std::string key = trim(line.substr(0, eq));
+        const std::string value = trim(line.substr(eq + 1));
+        long long n = 0;
+        if (key == "done") {
+            if (value == "normal")
+                k.done = FpgaKnobs::Done::normal;
+            else if (value == "never")
+                k.done = FpgaKnobs::Done::never;
+            else if (value == "stuck_high")
+                k.done = FpgaKnobs::Done::stuck_high;
+        } else if (key == "spi") {
+            k.spi_fails = value == "fail";
+        } else if (key == "cards" && parse_number(value, &n) && n >= 0 && n <= 64) {
+            k.cards = int(n);
+        } else if (key == "silent_ports") {
+            std::istringstream ports(value);
+            std::string port;
+            while (std::getline(ports, port, ','))
+                if (parse_number(trim(port), &n))
+                    k.silent_ports.insert(int(n));
+        } else if (key == "sgmii_clock") {
+            k.clock_never = value == "never";
+        } else if (key == "negotiation") {
+            k.negotiation_never = value == "never";
+        } else if (key == "phy_link") {
+            k.phy_link = value == "up"     ? FpgaKnobs::Link::up
+                         : value == "down" ? FpgaKnobs::Link::down
+                                           : FpgaKnobs::Link::automatic;
+        } else if (key == "tag_update") {
+            k.tag_stuck = value == "stuck";
+        } else if (key == "source_mode" && parse_number(value, &n) && n >= 0 && n <= 255) {
+            k.source_mode = uint8_t(n);
+        } else if (key == "source") {
+            k.source = value == "dvi"    ? FpgaKnobs::Source::dvi
+                       : value == "none" ? FpgaKnobs::Source::none
+                                         : FpgaKnobs::Source::hdmi;
+        } else if (key == "ddr") {
+            k.ddr = value == "bad"        ? FpgaKnobs::Ddr::bad
+                    : value == "recovers" ? FpgaKnobs::Ddr::recovers
+                                          : FpgaKnobs::Ddr::good;
+        } else if (key == "status") {
+            k.status_never = value == "never";
+        } else if (key == "net_outputs") {
+            k.outputs_stuck = value == "stuck";
+        } else if (key == "udp") {
+            k.udp_silent = value == "silent";
+        } else if (key == "mtd_cut" && parse_number(value, &n) && n >= 0) {
+            k.mtd_cut = n;
+        }
+    }
+    return k;
+}
+
+std::string default_fpga_tags(int version)
+{
+    return version == 1 ? "20240105-093000" : "20240601-120000";
+}
+
+std::string default_fpga_program(int version)
+{
+    return wire::make_program(default_fpga_tags(version), default_payload(version));
+}
+
+// ---- the model ----
+
+FpgaModel::FpgaModel(std::weak_ptr<Board::State> state, std::string root, Pins pins,
+                     std::set<std::string> spi_nodes, std::set<std::string> load_nodes)
+    : state_(std::move(state)), root_(std::move(root)), pins_(pins), spi_nodes_(std::move(spi_nodes)),
+      load_nodes_(std::move(load_nodes))
+{
+    restore();
+    wake_fd_ = ::eventfd(0, EFD_CLOEXEC);
+    udp_fd_ = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (udp_fd_ >= 0) {
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof addr;
+        if (::bind(udp_fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
+            ::getsockname(udp_fd_, reinterpret_cast<sockaddr *>(&addr), &len) == 0) {
+            udp_port_ = ntohs(addr.sin_port);
+            udp_thread_ = std::thread([this] { udp_serve(); });
+        }
+    }
+}
+
+FpgaModel::~FpgaModel()
+{
+    stop_ = true;
+    if (wake_fd_ >= 0) {
+        const uint64_t one = 1;
+        if (::write(wake_fd_, &one, sizeof one) != sizeof one) {
+            // the thread then notices within its poll period
+        }
+    }
+    if (udp_thread_.joinable())
+        udp_thread_.join();
+    if (udp_fd_ >= 0)
+        ::close(udp_fd_);
+    if (wake_fd_ >= 0)
+        ::close(wake_fd_);
+}
+
+FpgaKnobs FpgaModel::knobs() const
+{
+    // Read again whenever the file changed.
+    struct stat st {};
+    const bool present = ::stat((root_ + kConf).c_str(), &st) == 0;
+    const std::string stamp = present ? std::to_string(st.st_mtim.tv_sec) + "." +
+                                            std::to_string(st.st_mtim.tv_nsec) + "." +
+                                            std::to_string(st.st_size) + "." + std::to_string(st.st_ino)
+                                      : "";
+    std::lock_guard<std::mutex> lock(knobs_mu_);
+    if (stamp != knobs_stamp_ || stamp.empty()) {
+        knobs_ = parse_fpga_knobs(present ? read_host(root_ + kConf) : "");
+        knobs_stamp_ = stamp;
+    }
+    return knobs_;
+}
+
+void FpgaModel::advance_bus(size_t bytes)
+{
+    // The transfer's time on the bus counts on a fast clock, so that a wait
+    // paced by transfers ends in board time, not in real seconds.
+    if (auto s = state_.lock(); s && s->fast)
+        s->clock_offset_ns += int64_t(kTransferNs + bytes * kBusNsPerByte);
+}
+
+void FpgaModel::restore()
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    std::istringstream in(read_host(root_ + kStateFile));
+    std::map<std::string, std::string> values;
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto eq = line.find('=');
+        if (eq != std::string::npos)
+            values[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    const std::string image = read_host(root_ + kProgramFile);
+    auto program = wire::valid_program(reinterpret_cast<const uint8_t *>(image.data()), image.size());
+    configured_ = values["configured"] == "1" && program.has_value();
+    if (configured_) {
+        program_ = *program;
+        wire::parse_tags(program_.data(), program_.size(), tag_.data());
+    }
+    persisted_ = read_host(root_ + kStateFile);
+    // The cards' registers: "PORT CARD ADDRESS HEXBYTES", a run of bytes a line.
+    std::istringstream cards(read_host(root_ + kCardsFile));
+    while (std::getline(cards, line)) {
+        std::istringstream words(line);
+        int port = -1, card = -1;
+        std::string address_text, data;
+        long long address = 0;
+        words >> port >> card >> address_text >> data;
+        if (port < 0 || card < 0 || !parse_number(address_text, &address) || data.size() % 2)
+            continue;
+        auto &regs = cards_[{port, card}];
+        for (size_t i = 0; i + 1 < data.size(); i += 2)
+            regs[uint32_t(address) + uint32_t(i / 2)] = uint8_t(std::stoul(data.substr(i, 2), nullptr, 16));
+    }
+    negotiated_ = configured_ && values["negotiated"] == "1";
+    outputs_on_ = configured_ && values["outputs"] == "1";
+    gmac_udp_ = values["gmac_udp"] == "1";
+    ddr_ok_ = configured_ && values["ddr"] != "0";
+    phy_text_ = read_host(root_ + kPhyLinkFile);
+    const std::string reset = read_host(root_ + "/sys/class/vexagpios/RTL8211FS_RSTN/value");
+    phy_in_reset_ = !reset.empty() && reset[0] == '0';
+}
+
+void FpgaModel::persist()
+{
+    std::ostringstream out;
+    out << "configured=" << configured_ << "\nnegotiated=" << negotiated_ << "\noutputs=" << outputs_on_
+        << "\ngmac_udp=" << gmac_udp_ << "\nddr=" << ddr_ok_ << "\n";
+    if (out.str() != persisted_) {
+        persisted_ = out.str();
+        write_host(root_ + kStateFile, persisted_);
+    }
+    if (program_changed_) {
+        program_changed_ = false;
+        write_host(root_ + kProgramFile, std::string(program_.begin(), program_.end()));
+    }
+}
+
+void FpgaModel::power_on(const Board &board)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    // A pin the SoC never drove is held high by its pull-up.
+    auto level = [&board](int pin) {
+        return pin < 0 || board.line_direction(pin) == "in" ? 1 : board.line(pin);
+    };
+    control_level_ = level(pins_.control);
+    config_level_ = level(pins_.config);
+    sync_done();
+}
+
+void FpgaModel::sync_done()
+{
+    const int target = knobs().done == FpgaKnobs::Done::stuck_high ? 1 : configured_ ? 1 : 0;
+    if (pins_.done < 0 || target == done_level_)
+        return;
+    done_level_ = target;
+    if (auto s = state_.lock())
+        drive_line(*s, pins_.done, target, "in");
+}
+
+void FpgaModel::clear_fpga_state()
+{
+    pages_.clear();
+    negotiated_ = false;
+    tx_asserted_ = rx_asserted_ = false;
+    tx_level_ = rx_level_ = 1;
+    status_ready_ = false;
+    outputs_on_ = false;
+    card_frame_.clear();
+    card_reply_.clear();
+    card_status_ = 0;
+    update_open_ = false;
+    update_pieces_.clear();
+}
+
+bool FpgaModel::configure(const std::vector<uint8_t> &image, const char *)
+{
+    const FpgaKnobs k = knobs();
+    auto program = wire::valid_program(image.data(), image.size());
+    clear_fpga_state();
+    configured_ = program.has_value() && k.done != FpgaKnobs::Done::never;
+    program_changed_ = true;
+    program_.clear();
+    tag_ = {};
+    if (configured_) {
+        program_ = std::move(*program);
+        wire::parse_tags(program_.data(), program_.size(), tag_.data());
+        ddr_ok_ = k.ddr == FpgaKnobs::Ddr::good;
+    }
+    sync_done();
+    sync_phy();
+    persist();
+    return configured_;
+}
+
+void FpgaModel::reset_fpga()
+{
+    clear_fpga_state();
+    configured_ = false;
+    program_changed_ = !program_.empty();
+    program_.clear();
+    tag_ = {};
+    sync_done();
+    sync_phy();
+    persist();
+}
+
+void FpgaModel::configure_from_flash()
+{
+    ensure_flash_locked();
+    std::ifstream in(root_ + "/dev/mtd0", std::ios::binary);
+    std::vector<uint8_t> header(wire::kProgramHeaderSize);
+    in.read(reinterpret_cast<char *>(header.data()), std::streamsize(header.size()));
+    const auto size = wire::header_number(header.data(), header.size(), "size");
+    std::vector<uint8_t> image = header;
+    if (size && *size <= kFlashSize - wire::kProgramHeaderSize) {
+        image.resize(wire::kProgramHeaderSize + *size);
+        in.read(reinterpret_cast<char *>(image.data() + wire::kProgramHeaderSize), std::streamsize(*size));
+    }
+    configure(image, "flash");
+}
+
+// ---- lines ----
+
+void FpgaModel::observe_line(int id, int level)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    if (id == pins_.done) {
+        // The FPGA drives its done pin: a write from the SoC side does not
+        // hold.
+        if (done_level_ >= 0 && level != done_level_)
+            if (auto s = state_.lock())
+                drive_line(*s, pins_.done, done_level_, "in");
+        return;
+    }
+    int *pin = id == pins_.control ? &control_level_ : id == pins_.config ? &config_level_ : nullptr;
+    if (pin == nullptr || id < 0)
+        return;
+    const int before = *pin;
+    *pin = level ? 1 : 0;
+    if (before && !*pin)
+        reset_fpga();
+    else if (!before && *pin && control_level_ && config_level_)
+        configure_from_flash();
+}
+
+// ---- registers ----
+
+uint8_t FpgaModel::read_byte(uint32_t a) const
+{
+    auto page = pages_.find(a & ~0xFFFu);
+    return page == pages_.end() ? 0 : page->second[a & 0xFFFu];
+}
+
+void FpgaModel::read_regs(uint32_t address, uint8_t *out, size_t n) const
+{
+    if (!configured_) {
+        std::memset(out, 0, n);
+        return;
+    }
+    const FpgaKnobs k = knobs();
+    for (size_t i = 0; i < n; ++i) {
+        const uint32_t a = address + uint32_t(i);
+        uint8_t v = read_byte(a);
+        if (a == wire::kSgmiiClock)
+            v = k.clock_never ? 0 : 1;
+        else if (a == wire::kSgmiiNegotiation)
+            v = negotiated_;
+        else if (a == wire::kDdrState)
+            v = ddr_ok_;
+        else if (a >= wire::kStatusRecord && a < wire::kStatusRecord + wire::kStatusRecordSize) {
+            const uint32_t at = a - wire::kStatusRecord;
+            v = 0;
+            if (status_ready_) {
+                if (at >= 22 && at <= 25)
+                    v = kStatusInForce[at - 22];
+                const uint16_t input[] = {1920, 1080, 60}; // width, height, refresh
+                for (int f = 0; f < 3; ++f) {
+                    const uint32_t base = f == 0 ? 33 : f == 1 ? 41 : 47;
+                    if (at == base || at == base + 1)
+                        v = uint8_t(input[f] >> (8 * (at - base)));
+                }
+            }
+        } else if (a == wire::kUdpHdmiStable)
+            v = k.source == FpgaKnobs::Source::hdmi;
+        else if (a == wire::kUdpDviStable)
+            v = k.source == FpgaKnobs::Source::dvi;
+        else if (a == wire::kWindowBase + wire::kSourceMode)
+            v = k.source_mode;
+        else if (a == wire::kWindowBase + wire::kNetOutputs)
+            v = outputs_on_;
+        else if (a >= wire::kWindowBase + wire::kProgramTag &&
+                 a < wire::kWindowBase + wire::kProgramTag + wire::kTagSize)
+            v = tag_[a - wire::kWindowBase - wire::kProgramTag];
+        else if (a == wire::kWindowBase + wire::kCardControl)
+            v = card_status_;
+        else if (a >= wire::kWindowBase + wire::kCardReply &&
+                 a < wire::kWindowBase + wire::kCardReply + wire::kCardMaxData) {
+            const size_t at = a - wire::kWindowBase - wire::kCardReply;
+            v = at < card_reply_.size() ? card_reply_[at] : 0;
+        }
+        out[i] = v;
+    }
+}
+
+void FpgaModel::write_regs(uint32_t address, const uint8_t *data, size_t n)
+{
+    if (!configured_ || n == 0)
+        return;
+    for (size_t done = 0; done < n;) {
+        const uint32_t a = address + uint32_t(done);
+        const size_t run = std::min<size_t>(n - done, 0x1000u - (a & 0xFFFu));
+        auto page = pages_.find(a & ~0xFFFu);
+        if (page == pages_.end())
+            page = pages_.emplace(a & ~0xFFFu, std::array<uint8_t, 4096>{}).first;
+        std::memcpy(page->second.data() + (a & 0xFFFu), data + done, run);
+        done += run;
+    }
+    auto covers = [&](uint32_t a) { return a - address < n; };
+    auto value = [&](uint32_t a) { return data[a - address]; };
+    const FpgaKnobs k = knobs();
+    bool changed = false;
+    for (auto [reg, level, asserted] :
+         {std::tuple{wire::kSgmiiTxReset, &tx_level_, &tx_asserted_},
+          std::tuple{wire::kSgmiiRxReset, &rx_level_, &rx_asserted_}}) {
+        if (!covers(reg))
+            continue;
+        *level = value(reg);
+        if (*level == 0) {
+            *asserted = true;
+            negotiated_ = false;
+        }
+        changed = true;
+    }
+    if (changed && tx_level_ == 1 && rx_level_ == 1 && tx_asserted_ && rx_asserted_) {
+        // Both resets released after a pulse: the link negotiates when the
+        // clock runs and the PHY is ready in SGMII mode.
+        tx_asserted_ = rx_asserted_ = false;
+        auto mode = phy_regs_.find({0xd08, 0x10});
+        negotiated_ = !k.negotiation_never && !k.clock_never && !phy_in_reset_ && driver_loaded() &&
+                      mode != phy_regs_.end() && mode->second == 0x5e;
+    }
+    if (covers(wire::kDdrReset) && value(wire::kDdrReset) == 1 && k.ddr == FpgaKnobs::Ddr::recovers)
+        ddr_ok_ = true;
+    if (covers(wire::kParamStart) && value(wire::kParamStart) == 1)
+        status_ready_ = !k.status_never && k.source != FpgaKnobs::Source::none;
+    if (covers(wire::kWindowBase + wire::kNetOutputs))
+        outputs_on_ = value(wire::kWindowBase + wire::kNetOutputs) == 1 && !k.outputs_stuck;
+    if (covers(wire::kWindowBase + wire::kCardControl) && value(wire::kWindowBase + wire::kCardControl) == 1)
+        send_card_frame();
+    if (changed)
+        sync_phy();
+    persist();
+}
+
+void FpgaModel::window_frame(const uint8_t *buf, size_t n)
+{
+    if (n < 4)
+        return;
+    const uint16_t offset = uint16_t(buf[1] << 8 | buf[2]);
+    if (offset == wire::kUpdateReset || offset == wire::kUpdateInfo || offset == wire::kUpdatePiece ||
+        offset == wire::kUpdateFlash) {
+        update_mailbox(offset, buf, n);
+        return;
+    }
+    if (!configured_)
+        return;
+    if (offset == wire::kCardFrame) {
+        card_frame_.assign(buf, buf + n);
+        return;
+    }
+    write_regs(wire::kWindowBase + offset, buf + 3, n - 4);
+}
+
+void FpgaModel::send_card_frame()
+{
+    const FpgaKnobs k = knobs();
+    card_status_ = 0x04;
+    card_reply_.clear();
+    const auto frame = wire::decode_card_frame(card_frame_.data(), card_frame_.size());
+    if (!frame || frame->port >= kPorts || k.silent_ports.count(frame->port) || k.cards <= 0)
+        return; // nobody answers
+    if (frame->write) {
+        for (int card = 0; card < k.cards; ++card) {
+            auto &regs = cards_[{frame->port, card}];
+            for (size_t i = 0; i < frame->data.size(); ++i)
+                regs[frame->address + uint32_t(i)] = frame->data[i];
+        }
+        persist_cards();
+    } else {
+        const auto &regs = cards_[{frame->port, 0}];
+        for (uint32_t i = 0; i < frame->length; ++i) {
+            auto it = regs.find(frame->address + i);
+            card_reply_.push_back(it == regs.end() ? 0 : it->second);
+        }
+    }
+    card_status_ = wire::kCardReady;
+}
+
+void FpgaModel::update_mailbox(uint16_t offset, const uint8_t *buf, size_t n)
+{
+    if (offset == wire::kUpdateReset) {
+        // The FPGA's configuration logic takes the reset whether or not a
+        // program runs.
+        if (buf[3] == 1)
+            reset_fpga();
+        else if (buf[3] == 0)
+            configure_from_flash();
+        return;
+    }
+    if (!configured_)
+        return;
+    if (offset == wire::kUpdateInfo && n >= wire::kUpdateInfoSize) {
+        const uint64_t size = uint64_t(wire::le32(buf + 3)) * 256 + wire::le16(buf + 7);
+        update_open_ = size <= kFlashSize - wire::kProgramHeaderSize;
+        update_size_ = uint32_t(update_open_ ? size : 0);
+        update_sum_ = wire::le16(buf + 9);
+        std::memcpy(update_tag_.data(), buf + 11, wire::kTagSize);
+        update_pieces_.clear();
+    } else if (offset == wire::kUpdatePiece && n >= wire::kUpdatePieceSize && update_open_) {
+        const uint16_t index = wire::le16(buf + 3);
+        const uint16_t length = wire::le16(buf + 5);
+        const uint8_t *data = buf + 7;
+        if (length <= wire::kUpdatePieceData &&
+            wire::le16(buf + 7 + wire::kUpdatePieceData) == wire::sum16(data, length))
+            update_pieces_[index].assign(data, data + length);
+    } else if (offset == wire::kUpdateFlash && buf[3] == 1 && update_open_) {
+        update_open_ = false;
+        std::vector<uint8_t> payload;
+        for (uint16_t i = 0; payload.size() < update_size_; ++i) {
+            auto piece = update_pieces_.find(i);
+            if (piece == update_pieces_.end() || piece->second.empty())
+                return; // a missing piece: nothing is written
+            payload.insert(payload.end(), piece->second.begin(), piece->second.end());
+        }
+        if (payload.size() != update_size_ || wire::sum16(payload.data(), payload.size()) != update_sum_)
+            return;
+        if (knobs().tag_stuck)
+            return; // the FPGA keeps its old program
+        const std::string image =
+            wire::make_program(tags_of(update_tag_), std::string(payload.begin(), payload.end()));
+        const size_t erase = (image.size() + kEraseSize - 1) / kEraseSize * kEraseSize;
+        ensure_flash_locked();
+        flash_erase(0, erase);
+        flash_program(0, reinterpret_cast<const uint8_t *>(image.data()), image.size(), -1);
+    }
+}
+
+void FpgaModel::persist_cards() const
+{
+    static const char hex[] = "0123456789abcdef";
+    std::ostringstream out;
+    for (const auto &[which, regs] : cards_) {
+        uint32_t start = 0, next = 0;
+        std::string run;
+        auto flush = [&] {
+            if (!run.empty())
+                out << which.first << ' ' << which.second << " 0x" << std::hex << start << std::dec << ' ' << run
+                    << '\n';
+            run.clear();
+        };
+        for (const auto &[address, value] : regs) {
+            if (run.empty() || address != next) {
+                flush();
+                start = address;
+            }
+            run += hex[value >> 4];
+            run += hex[value & 0xF];
+            next = address + 1;
+        }
+        flush();
+    }
+    write_host(root_ + kCardsFile, out.str());
+}
+
+// ---- SPI ----
+
+int FpgaModel::spi(const std::string &node, char kind, uint8_t *buf, size_t n)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    uint64_t now = 0;
+    if (auto s = state_.lock()) {
+        struct timespec ts;
+        ::clock_gettime(CLOCK_MONOTONIC, &ts);
+        now = uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec) + uint64_t(s->clock_offset_ns.load());
+    }
+    if (transfers_.size() >= kRecordMax)
+        transfers_.erase(transfers_.begin(), transfers_.begin() + kRecordMax / 2);
+    transfers_.push_back({node, kind, std::vector<uint8_t>(buf, buf + n), now});
+    if (knobs().spi_fails)
+        return -EIO;
+    advance_bus(n);
+    if (n == 0)
+        return 0;
+    std::vector<uint8_t> rx(n, 0);
+    switch (buf[0]) {
+    case wire::kWrite:
+        if (n >= 6)
+            write_regs(wire::be32(buf + 1), buf + 5, n - 6);
+        break;
+    case wire::kRead:
+        if (n >= wire::kReadHead) {
+            std::memcpy(rx.data(), buf, wire::kReadHead);
+            read_regs(wire::be32(buf + 1), rx.data() + wire::kReadHead, n - wire::kReadHead);
+        }
+        break;
+    case wire::kWindowWrite:
+        window_frame(buf, n);
+        break;
+    case wire::kWindowRead:
+        if (n >= wire::kWindowReadHead)
+            read_regs(wire::kWindowBase + (uint32_t(buf[1]) << 8 | buf[2]),
+                      rx.data() + wire::kWindowReadHead, n - wire::kWindowReadHead);
+        break;
+    default:
+        break;
+    }
+    if (kind == 'r' || kind == 'x')
+        std::memcpy(buf, rx.data(), n);
+    return 0;
+}
+
+// ---- loading ----
+
+int FpgaModel::hal_load(const std::string &drv, const std::vector<uint8_t> &file)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    ++hal_loads_;
+    if (!drv.empty() && !load_nodes_.count(drv))
+        return -ENODEV;
+    if (configure(file, "hal"))
+        return 0;
+    return knobs().done == FpgaKnobs::Done::never ? -ETIMEDOUT : -EINVAL;
+}
+
+void FpgaModel::load_node_open()
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    load_image_.clear();
+    reset_fpga();
+}
+
+long FpgaModel::load_node_write(const uint8_t *data, size_t n)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    if (load_image_.size() + n > kLoadImageSize)
+        return -ENOSPC;
+    load_image_.insert(load_image_.end(), data, data + n);
+    if (load_image_.size() == kLoadImageSize && !configure(load_image_, "fpga_load"))
+        return knobs().done == FpgaKnobs::Done::never ? -ETIMEDOUT : -EINVAL;
+    return long(n);
+}
+
+// ---- flash ----
+
+std::string FpgaModel::flash_file()
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    ensure_flash_locked();
+    return root_ + "/dev/mtd0";
+}
+
+void FpgaModel::ensure_flash_locked()
+{
+    const std::string path = root_ + "/dev/mtd0";
+    std::error_code ec;
+    if (fs::exists(path, ec))
+        return;
+    // A new board's flash: erased, with the program it runs.
+    if (!fs::exists(root_ + "/.board", ec))
+        return;
+    fs::create_directories(root_ + "/dev", ec);
+    std::string image(kFlashSize, char(0xFF));
+    const std::string program = default_fpga_program(1);
+    image.replace(0, program.size(), program);
+    write_host(path, image);
+}
+
+bool FpgaModel::flash_erase(size_t offset, size_t n)
+{
+    if (offset % kEraseSize || n % kEraseSize || offset > kFlashSize || n > kFlashSize - offset)
+        return false;
+    const int fd = ::open((root_ + "/dev/mtd0").c_str(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const std::vector<uint8_t> erased(kEraseSize, 0xFF);
+    bool ok = true;
+    for (size_t at = offset; at < offset + n && ok; at += kEraseSize)
+        ok = ::pwrite(fd, erased.data(), erased.size(), off_t(at)) == ssize_t(erased.size());
+    ::close(fd);
+    return ok;
+}
+
+bool FpgaModel::flash_program(size_t offset, const uint8_t *data, size_t n, long long cut)
+{
+    if (offset > kFlashSize || n > kFlashSize - offset)
+        return false;
+    const size_t take = cut >= 0 && size_t(cut) < n ? size_t(cut) : n;
+    const int fd = ::open((root_ + "/dev/mtd0").c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    std::vector<uint8_t> cells(take);
+    bool ok = ::pread(fd, cells.data(), take, off_t(offset)) == ssize_t(take);
+    // NOR: programming can only clear bits.
+    for (size_t i = 0; ok && i < take; ++i)
+        cells[i] &= data[i];
+    ok = ok && ::pwrite(fd, cells.data(), take, off_t(offset)) == ssize_t(take);
+    ::close(fd);
+    return ok && take == n;
+}
+
+CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    const CommandResult usage{1 << 8, "usage: mtd_debug info <device>\n"
+                                      "       mtd_debug read <device> <offset> <len> <dest-filename>\n"
+                                      "       mtd_debug write <device> <offset> <len> <source-filename>\n"
+                                      "       mtd_debug erase <device> <offset> <len>\n"};
+    if (argv.size() < 3)
+        return usage;
+    const std::string &op = argv[1];
+    if (argv[2] != "/dev/mtd0")
+        return {1 << 8, "open(): No such file or directory\n"};
+    ensure_flash_locked();
+    char line[256];
+    if (op == "info" && argv.size() == 3) {
+        std::snprintf(line, sizeof line,
+                      "mtd.type = MTD_NORFLASH\nmtd.flags = MTD_CAP_NORFLASH\nmtd.size = %zu (%zuM)\n"
+                      "mtd.erasesize = %zu (%zuK)\n",
+                      kFlashSize, kFlashSize >> 20, kEraseSize, kEraseSize >> 10);
+        return {0, line};
+    }
+    long long offset = 0, len = 0;
+    if (argv.size() < 5 || !parse_number(argv[3], &offset) || !parse_number(argv[4], &len) ||
+        offset < 0 || len < 0)
+        return usage;
+    if (op == "erase" && argv.size() == 5) {
+        if (!flash_erase(size_t(offset), size_t(len)))
+            return {1 << 8, "MEMERASE: Invalid argument\n"};
+        std::snprintf(line, sizeof line, "Erased %lld bytes from address 0x%.8llx in flash\n", len, offset);
+        return {0, line};
+    }
+    if ((op != "write" && op != "read") || argv.size() != 6)
+        return usage;
+    const std::string &file = argv[5];
+    if (file.empty() || file[0] != '/')
+        return {1 << 8, "open(): No such file or directory\n"};
+    if (size_t(offset) > kFlashSize || size_t(len) > kFlashSize - size_t(offset))
+        return {1 << 8, "read()/write(): Invalid argument\n"};
+    if (op == "read") {
+        std::vector<char> data(static_cast<size_t>(len));
+        std::ifstream in(root_ + "/dev/mtd0", std::ios::binary);
+        in.seekg(offset);
+        in.read(data.data(), len);
+        write_host(root_ + file, std::string(data.begin(), data.end()));
+        std::snprintf(line, sizeof line, "Copied %lld bytes from address 0x%.8llx in flash to %s\n", len,
+                      offset, file.c_str());
+        return {0, line};
+    }
+    const std::string source = read_host(root_ + file);
+    if (!fs::exists(root_ + file))
+        return {1 << 8, "open(): No such file or directory\n"};
+    if (source.size() < size_t(len))
+        return {1 << 8, "file_to_flash: short read\n"};
+    if (!flash_program(size_t(offset), reinterpret_cast<const uint8_t *>(source.data()), size_t(len),
+                       knobs().mtd_cut))
+        return {1 << 8, "write(): Input/output error\n"};
+    std::snprintf(line, sizeof line, "Copied %lld bytes from %s to address 0x%.8llx in flash\n", len,
+                  file.c_str(), offset);
+    return {0, line};
+}
+
+// ---- PHY ----
+
+bool FpgaModel::driver_loaded() const
+{
+    std::istringstream in(read_host(root_ + kModules));
+    std::string line;
+    while (std::getline(in, line))
+        if (line.compare(0, std::strlen(kMacDriver) + 1, std::string(kMacDriver) + " ") == 0)
+            return true;
+    return false;
+}
+
+void FpgaModel::sync_phy()
+{
+    const FpgaKnobs k = knobs();
+    auto mode = phy_regs_.find({0xd08, 0x10});
+    const bool sgmii = mode != phy_regs_.end() && mode->second == 0x5e;
+    bool link = configured_ && !phy_in_reset_ && negotiated_ && sgmii && driver_loaded();
+    if (k.phy_link != FpgaKnobs::Link::automatic)
+        link = k.phy_link == FpgaKnobs::Link::up;
+    const std::string text = link ? "0x907\n" : phy_in_reset_ ? "0x0\n" : "0x902\n";
+    if (text != phy_text_) {
+        phy_text_ = text;
+        write_host(root_ + kPhyLinkFile, text);
+    }
+}
+
+void FpgaModel::phy_reset_written(const std::string &contents)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    char last = 0;
+    // One open may carry several levels ("0", a wait, "1"): each counts.
+    for (char c : contents) {
+        if (c == '0') {
+            phy_in_reset_ = true;
+            phy_regs_.clear();
+            phy_page_ = 0;
+            negotiated_ = false;
+        } else if (c == '1') {
+            phy_in_reset_ = false;
+        } else {
+            continue;
+        }
+        last = c;
+    }
+    if (last && contents != std::string(1, last) + "\n")
+        write_host(root_ + "/sys/class/vexagpios/RTL8211FS_RSTN/value", std::string(1, last) + "\n");
+    sync_phy();
+    persist();
+}
+
+void FpgaModel::phyreg_written(const std::string &contents)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    if (phy_in_reset_)
+        return;
+    std::istringstream in(contents);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        std::string op, reg_text, value_text;
+        words >> op >> reg_text >> value_text;
+        long long reg = 0, value = 0;
+        if (op != "w" || !parse_number(reg_text, &reg) || !parse_number(value_text, &value))
+            continue;
+        if (reg == 0x1f)
+            phy_page_ = uint16_t(value);
+        else
+            phy_regs_[{phy_page_, uint16_t(reg)}] = uint16_t(value);
+    }
+    sync_phy();
+}
+
+CommandResult FpgaModel::insmod(const std::vector<std::string> &argv)
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    if (argv.size() < 2)
+        return {1 << 8, "Usage: insmod FILE [SYMBOL=VALUE]...\n"};
+    const std::string &file = argv[1];
+    std::error_code ec;
+    if (file.empty() || file[0] != '/' || !fs::is_regular_file(root_ + file, ec))
+        return {1 << 8, "insmod: can't read '" + file + "': No such file or directory\n"};
+    std::string name = fs::path(file).stem().string();
+    std::replace(name.begin(), name.end(), '-', '_');
+    std::string modules = read_host(root_ + kModules);
+    std::istringstream in(modules);
+    std::string line;
+    while (std::getline(in, line))
+        if (line.compare(0, name.size() + 1, name + " ") == 0)
+            return {1 << 8, "insmod: can't insert '" + file + "': File exists\n"};
+    write_host(root_ + kModules, modules + name + " 16384 0 - Live 0x0000000000000000\n");
+    sync_phy();
+    return {};
+}
+
+// ---- UDP ----
+
+void FpgaModel::switch_gmac()
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    gmac_udp_ = true;
+    persist();
+}
+
+void FpgaModel::udp_serve()
+{
+    namespace u = fpga_udp;
+    std::vector<uint8_t> in(u::kHead + u::kMaxData), out(u::kHead + u::kMaxData);
+    while (!stop_) {
+        pollfd p[2] = {{udp_fd_, POLLIN, 0}, {wake_fd_, POLLIN, 0}};
+        if (::poll(p, wake_fd_ >= 0 ? 2 : 1, 100) <= 0 || !(p[0].revents & POLLIN))
+            continue;
+        sockaddr_in from{};
+        socklen_t from_len = sizeof from;
+        const ssize_t n = ::recvfrom(udp_fd_, in.data(), in.size(), 0, reinterpret_cast<sockaddr *>(&from),
+                                     &from_len);
+        if (n < ssize_t(u::kHead) || in[0] != 'V' || in[1] != 'F')
+            continue;
+        const uint8_t op = in[2];
+        const uint32_t address = u::get32(&in[6]);
+        const uint16_t len = u::get16(&in[10]);
+        uint8_t status = 0;
+        uint16_t reply_len = 0;
+        {
+            std::lock_guard<std::recursive_mutex> lock(mu_);
+            // An unconfigured FPGA has no link to answer on.
+            if (knobs().udp_silent || !configured_)
+                continue;
+            if (in[3] != 1 || len > u::kMaxData) {
+                status = EINVAL;
+            } else if (op == u::kWrite) {
+                if (size_t(n) - u::kHead < len) {
+                    status = EINVAL;
+                } else {
+                    if (udp_writes_.size() >= kRecordMax)
+                        udp_writes_.erase(udp_writes_.begin(), udp_writes_.begin() + kRecordMax / 2);
+                    udp_writes_.push_back({address, std::vector<uint8_t>(&in[u::kHead], &in[u::kHead] + len)});
+                    write_regs(address, &in[u::kHead], len);
+                }
+            } else if (op == u::kRead) {
+                read_regs(address, &out[u::kHead], len);
+                reply_len = len;
+            } else {
+                status = EINVAL;
+            }
+        }
+        out[0] = 'V';
+        out[1] = 'F';
+        out[2] = uint8_t(op | u::kReplyBit);
+        out[3] = status;
+        std::memcpy(&out[4], &in[4], 2);
+        u::put32(&out[6], address);
+        u::put16(&out[10], reply_len);
+        ::sendto(udp_fd_, out.data(), u::kHead + reply_len, 0, reinterpret_cast<sockaddr *>(&from), from_len);
+    }
+}
+
+// ---- accessors ----
+
+bool FpgaModel::configured() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return configured_;
+}
+
+std::vector<uint8_t> FpgaModel::program() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return program_;
+}
+
+std::array<uint8_t, 7> FpgaModel::tag() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return tag_;
+}
+
+uint8_t FpgaModel::reg(uint32_t address) const { return regs(address, 1)[0]; }
+
+std::vector<uint8_t> FpgaModel::regs(uint32_t address, size_t n) const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    std::vector<uint8_t> out(n);
+    read_regs(address, out.data(), n);
+    return out;
+}
+
+std::vector<uint8_t> FpgaModel::load_image() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return load_image_;
+}
+
+int FpgaModel::hal_loads() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return hal_loads_;
+}
+
+std::vector<uint8_t> FpgaModel::card_registers(int port, int card, uint32_t address, size_t n) const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    std::vector<uint8_t> out(n, 0);
+    auto regs = cards_.find({port, card});
+    if (regs == cards_.end())
+        return out;
+    for (size_t i = 0; i < n; ++i) {
+        auto it = regs->second.find(address + uint32_t(i));
+        if (it != regs->second.end())
+            out[i] = it->second;
+    }
+    return out;
+}
+
+bool FpgaModel::gmac_udp() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return gmac_udp_;
+}
+
+bool FpgaModel::phy_link() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return phy_text_.find("0x907") != std::string::npos;
+}
+
+std::vector<FpgaModel::Transfer> FpgaModel::transfers() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return transfers_;
+}
+
+size_t FpgaModel::transfer_count() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return transfers_.size();
+}
+
+std::vector<FpgaModel::UdpWrite> FpgaModel::udp_writes() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    return udp_writes_;
+}
+
+void FpgaModel::clear_record()
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    transfers_.clear();
+    udp_writes_.clear();
+    hal_loads_ = 0;
+}
+
+std::string FpgaModel::state_text() const
+{
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    std::ostringstream out;
+    out << "configured=" << configured_ << "\nprogram_bytes=" << program_.size()
+        << "\ntag=" << (configured_ ? hex_bytes(tag_.data(), tag_.size()) : "") << "\ndone=" << done_level_
+        << "\nnegotiated=" << negotiated_ << "\nphy_link=" << (phy_text_.find("0x907") != std::string::npos)
+        << "\nnet_outputs=" << outputs_on_ << "\ngmac_udp=" << gmac_udp_ << "\nspi_transfers=" << transfers_.size()
+        << "\nudp_writes=" << udp_writes_.size() << "\n";
+    return out.str();
+}
+
+} // namespace vexa::sim

@@ -1,0 +1,289 @@
+// The display FPGA of the virtual board, one per board.
+//
+// Registers: one 32-bit address space. "/dev/fpga_spi" and the product's
+// spi_fpga device take write packets (02 ADDR DATA 00), read requests (0B
+// ADDR 00 DATA, filled in by read()), window writes (45 HI LO DATA 00) and
+// full-duplex window reads (43 HI LO 00 ..., data from received byte 4); the
+// window lies at 0x2000000. The UDP link reaches the same registers. Some
+// registers are alive: the SGMII clock and negotiation state, the SGMII
+// resets, the DDR state and reset, the link status record (ready once the
+// parameters are complete and a source is present), the source mode, the
+// Ethernet outputs, the running program's 7-byte tag at window 0xF0, the
+// receiving-card frame buffer, handshake and reply, and the mailbox of the
+// qr3plus/qr5plus update. An unconfigured FPGA reads zeros and drops writes.
+//
+// Program: "/dev/fpga_load" takes an 819200-byte image (open resets the
+// FPGA), the HAL's loaders a program file; a program configures the FPGA
+// when its header holds (see platform/fpga_wire.h). The done pin
+// (fpga_done_gpio) is driven by the FPGA: low while it resets or is
+// unconfigured, high once configured; what the SoC writes to it does not
+// change it. Holding the control pin (fpga_control_gpio) or the config pin
+// (fpga_config_gpio) low resets it; when both are high again (a pin the SoC
+// never drove counts as high, pulled up) it reconfigures from its flash.
+//
+// Flash: "/dev/mtd0", 16 MiB of NOR (64 KiB erase blocks; an erase sets
+// 0xFF, a write can only clear bits), kept in the board file of that name,
+// laid out with the default program on first use; "/vendor/bin/mtd_debug"
+// info, erase, read and write act on it.
+//
+// PHY: the RTL8211FS behind the SGMII link. Its reset line
+// ("/sys/class/vexagpios/RTL8211FS_RSTN/value", every level written, in
+// order) resets it; "/sys/class/ethernet/phyreg" takes "w REG VAL" and "r
+// REG" (register 0x1f selects the page); insmod loads the MAC driver (listed
+// in "/proc/modules"). "/sys/class/ethernet/vexaphyreg" reads "0x907" while
+// the link is up: the FPGA configured, the PHY out of reset, the driver
+// loaded, SGMII mode (page 0xd08, register 0x10 = 0x5e) and auto-negotiation
+// done (the SGMII transmit and receive resets released after that).
+//
+// Receiving cards: ports 0-3 with `cards` cards each (default 2). A write
+// frame reaches every card of its port (the sending card broadcasts); a read
+// is answered by the port's first card, whose reply is ready (status 0x84)
+// once the frame has been sent with the enable handshake.
+//
+// Settings and fault knobs: ROOT/.board/fpga.conf, "key=value" lines, read
+// whenever the model needs them, so any process (vexactl fpga knob) can set
+// them:
+//   done=normal|never|stuck_high   the done pin never rises / never falls
+//   spi=ok|fail                    every SPI transfer fails (EIO)
+//   cards=N                        cards per port (0: none answers)
+//   silent_ports=P,P               the cards of these ports never answer
+//   sgmii_clock=ok|never           the SGMII clock state never reaches 1
+//   negotiation=ok|never           auto-negotiation never completes
+//   phy_link=auto|up|down          force the PHY's link text
+//   tag_update=ok|stuck            an update leaves the old program (and tag)
+//   source_mode=0xNN               the source mode byte (0x58 'X': no source)
+//   source=hdmi|dvi|none           which input the UDP registers call stable
+//   ddr=good|bad|recovers          bad: never calibrates; recovers: after a reset
+//   status=ok|never                the link status record never shows ready
+//   net_outputs=ok|stuck           the Ethernet outputs never come on
+//   udp=ok|silent                  the UDP link never answers
+//   mtd_cut=N                      mtd_debug write stops after N bytes, failing
+//
+// State that other processes see lives in the board folder: the done line,
+// the flash, ROOT/.board/fpga/program.bin (the running program),
+// ROOT/.board/fpga/state (whether it is configured, the link and output
+// state) and ROOT/.board/fpga/cards (the cards' registers, "PORT CARD
+// ADDRESS HEXBYTES" a run); the FPGA's own registers live with the model.
+//
+// Threads: every method may be called from any thread; the UDP link is
+// served on the model's own thread.
+#ifndef VEXA_SIM_FPGA_MODEL_H
+#define VEXA_SIM_FPGA_MODEL_H
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "sim/board.h"
+
+namespace vexa::sim {
+
+struct FpgaKnobs {
+    enum class Done { normal, never, stuck_high } done = Done::normal;
+    bool spi_fails = false;
+    int cards = 2;
+    std::set<int> silent_ports;
+    bool clock_never = false;
+    bool negotiation_never = false;
+    enum class Link { automatic, up, down } phy_link = Link::automatic;
+    bool tag_stuck = false;
+    uint8_t source_mode = 0x48;
+    enum class Source { hdmi, dvi, none } source = Source::hdmi;
+    enum class Ddr { good, bad, recovers } ddr = Ddr::good;
+    bool status_never = false;
+    bool outputs_stuck = false;
+    bool udp_silent = false;
+    long long mtd_cut = -1;
+};
+// The knobs of a fpga.conf text; unknown keys and bad values are ignored.
+FpgaKnobs parse_fpga_knobs(const std::string &text);
+// The keys fpga.conf takes, with their values, for help texts.
+const std::vector<std::pair<std::string, std::string>> &fpga_knob_keys();
+
+// Programs of the default board: 1 runs on it and is in its flash and
+// program partition, 2 is the newer one in "/vendor/etc/fpga/fpga_fw.bin"
+// and "/vendor/etc/fpga.bin".
+std::string default_fpga_program(int version);
+// The tags text of a default program.
+std::string default_fpga_tags(int version);
+// A screen parameter block file of the blocks (address, data), in order.
+std::string make_fpga_block_file(const std::vector<std::pair<uint32_t, std::string>> &blocks);
+// The default board's "/system/etc/led_screen.hex": pz50pro parameters with
+// every kind of block (start, topology, gamma, network gap, ...).
+std::string default_led_screen_hex();
+
+class FpgaModel {
+public:
+    static constexpr size_t kFlashSize = 16u << 20;
+    static constexpr size_t kEraseSize = 64u << 10;
+    static constexpr int kPorts = 4;
+
+    struct Pins {
+        int control = -1, config = -1, done = -1;
+    };
+    // root: the board's root; spi_nodes and load_nodes: the board paths of
+    // the SPI devices and of the load node(s).
+    FpgaModel(std::weak_ptr<Board::State> state, std::string root, Pins pins,
+              std::set<std::string> spi_nodes, std::set<std::string> load_nodes);
+    ~FpgaModel();
+    FpgaModel(const FpgaModel &) = delete;
+    FpgaModel &operator=(const FpgaModel &) = delete;
+
+    // Takes the pins' levels from the board's lines and drives the done line
+    // as the persisted state says (after attaching).
+    void power_on(const Board &board);
+
+    // ---- SPI: 0, or -errno ----
+    // kind: 'w' a write, 'r' a read() of a read request, 'x' full duplex.
+    int spi(const std::string &node, char kind, uint8_t *buf, size_t n);
+    bool spi_node(const std::string &node) const { return spi_nodes_.count(node) != 0; }
+
+    // ---- Loading ----
+    // A program file through the HAL: 0, or -errno (-ENODEV: drv is not a
+    // load node; -EINVAL: not a program; -ETIMEDOUT: done never rose).
+    int hal_load(const std::string &drv, const std::vector<uint8_t> &file);
+    bool load_node(const std::string &node) const { return load_nodes_.count(node) != 0; }
+    void load_node_open();
+    // Bytes taken, or -errno (-ENOSPC past 819200 bytes, -ETIMEDOUT / -EINVAL
+    // when the image does not configure the FPGA).
+    long load_node_write(const uint8_t *data, size_t n);
+
+    // ---- Lines, files and commands ----
+    void observe_line(int id, int level);
+    void phy_reset_written(const std::string &contents);
+    void phyreg_written(const std::string &contents);
+    CommandResult insmod(const std::vector<std::string> &argv);
+    CommandResult mtd_debug(const std::vector<std::string> &argv);
+    // The flash file (host path), laid out on first use.
+    std::string flash_file();
+
+    // ---- The UDP link ----
+    uint16_t udp_port() const { return udp_port_; }
+    void switch_gmac();
+
+    // ---- What tests and vexactl look at ----
+    bool configured() const;
+    std::vector<uint8_t> program() const;
+    std::array<uint8_t, 7> tag() const;
+    uint8_t reg(uint32_t address) const;
+    std::vector<uint8_t> regs(uint32_t address, size_t n) const;
+    // The bytes the last "/dev/fpga_load" session received.
+    std::vector<uint8_t> load_image() const;
+    int hal_loads() const;
+    std::vector<uint8_t> card_registers(int port, int card, uint32_t address, size_t n) const;
+    bool gmac_udp() const;
+    bool phy_link() const;
+
+    struct Transfer {
+        std::string node;
+        char kind;
+        std::vector<uint8_t> bytes; // as sent
+        uint64_t at_ns;             // board clock
+    };
+    std::vector<Transfer> transfers() const;
+    size_t transfer_count() const;
+    struct UdpWrite {
+        uint32_t address;
+        std::vector<uint8_t> data;
+    };
+    std::vector<UdpWrite> udp_writes() const;
+    void clear_record();
+    // "key=value" lines: configured, program_bytes, tag, done, ...
+    std::string state_text() const;
+
+private:
+    FpgaKnobs knobs() const;
+    void advance_bus(size_t bytes);
+    // Register file.
+    uint8_t read_byte(uint32_t address) const;
+    void read_regs(uint32_t address, uint8_t *out, size_t n) const;
+    void write_regs(uint32_t address, const uint8_t *data, size_t n);
+    void window_frame(const uint8_t *buf, size_t n);
+    void send_card_frame();
+    void update_mailbox(uint16_t offset, const uint8_t *buf, size_t n);
+    // Configuration.
+    bool configure(const std::vector<uint8_t> &image, const char *from);
+    void reset_fpga();
+    void configure_from_flash();
+    void clear_fpga_state();
+    void sync_done();
+    void sync_phy();
+    bool driver_loaded() const;
+    void persist();
+    void persist_cards() const;
+    void restore();
+    // Flash.
+    void ensure_flash_locked();
+    bool flash_program(size_t offset, const uint8_t *data, size_t n, long long cut);
+    bool flash_erase(size_t offset, size_t n);
+    void udp_serve();
+
+    std::weak_ptr<Board::State> state_;
+    mutable std::mutex knobs_mu_;
+    mutable FpgaKnobs knobs_;
+    mutable std::string knobs_stamp_;
+    std::string persisted_;
+    bool program_changed_ = false;
+    const std::string root_;
+    const Pins pins_;
+    const std::set<std::string> spi_nodes_, load_nodes_;
+
+    mutable std::recursive_mutex mu_;
+    std::map<uint32_t, std::array<uint8_t, 4096>> pages_;
+    bool configured_ = false;
+    std::vector<uint8_t> program_;
+    std::array<uint8_t, 7> tag_{};
+    int done_level_ = -1;
+    int control_level_ = 1, config_level_ = 1;
+    bool negotiated_ = false;
+    bool tx_asserted_ = false, rx_asserted_ = false;
+    uint8_t tx_level_ = 1, rx_level_ = 1;
+    bool ddr_ok_ = false;
+    bool status_ready_ = false;
+    bool outputs_on_ = false;
+    bool gmac_udp_ = false;
+    // Receiving cards.
+    std::vector<uint8_t> card_frame_;
+    std::vector<uint8_t> card_reply_;
+    uint8_t card_status_ = 0;
+    std::map<std::pair<int, int>, std::map<uint32_t, uint8_t>> cards_;
+    // The qr3plus/qr5plus update mailbox.
+    bool update_open_ = false;
+    uint32_t update_size_ = 0;
+    uint16_t update_sum_ = 0;
+    std::array<uint8_t, 7> update_tag_{};
+    std::map<uint16_t, std::vector<uint8_t>> update_pieces_;
+    // "/dev/fpga_load".
+    std::vector<uint8_t> load_image_;
+    int hal_loads_ = 0;
+    // PHY.
+    bool phy_in_reset_ = false;
+    uint16_t phy_page_ = 0;
+    std::map<std::pair<uint16_t, uint16_t>, uint16_t> phy_regs_;
+    std::string phy_text_;
+    // Record.
+    std::vector<Transfer> transfers_;
+    std::vector<UdpWrite> udp_writes_;
+
+    int udp_fd_ = -1;
+    int wake_fd_ = -1;
+    uint16_t udp_port_ = 0;
+    std::atomic<bool> stop_{false};
+    std::thread udp_thread_;
+};
+
+// The FPGA model of an attached board (tests and vexactl), or null.
+std::shared_ptr<FpgaModel> fpga_model(const Board &board);
+
+} // namespace vexa::sim
+
+#endif
