@@ -37,13 +37,19 @@ extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, .
     const std::string safe_tag = tag ? tag : "";
     if (std::getenv("VEXA_LOG_STDERR"))
         std::fprintf(stderr, "%s\n", vexa::sim::LogRecord{prio, safe_tag, text}.line().c_str());
+    // The process and thread ids, asked once per thread (again after a fork).
+    static thread_local pid_t pid = 0;
+    static thread_local long tid = 0;
+    if (pid != ::getpid()) {
+        pid = ::getpid();
+        tid = static_cast<long>(::syscall(SYS_gettid));
+    }
     if (auto state = vexa::sim::attached()) {
         struct timespec now;
         ::clock_gettime(CLOCK_REALTIME, &now);
         char head[96];
         std::snprintf(head, sizeof head, "%lld.%09ld\t%d\t%ld\t%d\t", static_cast<long long>(now.tv_sec),
-                      now.tv_nsec, static_cast<int>(::getpid()), static_cast<long>(::syscall(SYS_gettid)),
-                      prio);
+                      now.tv_nsec, static_cast<int>(pid), tid, prio);
         state->log_journal->append(head + vexa::sim::escape_line(safe_tag) + "\t" +
                                    vexa::sim::escape_line(text));
     }

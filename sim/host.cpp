@@ -295,23 +295,8 @@ void Host::drain()
         for (;;) {
             alignas(struct inotify_event) char buf[8192];
             const ssize_t n = notify_fd_ >= 0 ? ::read(notify_fd_, buf, sizeof buf) : -1;
-            bool any = false;
-            if (n > 0) {
-                deliver_file_events(buf, n);
-                any = true;
-            }
-            bool restarted = false;
-            auto records = gpio_follow_.read_new(&restarted);
-            // A file cut short or replaced by someone else holds no new drives.
-            if (!restarted) {
-                for (auto &text : records) {
-                    GpioRecord record;
-                    if (parse_gpio_record(text, &record) && record.id >= 0) {
-                        notify_line_watchers(s_, record);
-                        any = true;
-                    }
-                }
-            }
+            bool any = n > 0 && deliver_file_events(buf, n);
+            any = deliver_gpio() || any;
             if (!any)
                 break;
         }
@@ -319,8 +304,43 @@ void Host::drain()
     draining = false;
 }
 
-void Host::deliver_file_events(const char *buf, ssize_t len)
+void Host::drain_lines()
 {
+    if (::getpid() != pid_)
+        return;
+    static thread_local bool draining = false;
+    if (draining)
+        return;
+    draining = true;
+    {
+        std::lock_guard<std::mutex> lock(drain_mu_);
+        while (deliver_gpio()) {
+        }
+    }
+    draining = false;
+}
+
+bool Host::deliver_gpio()
+{
+    bool restarted = false;
+    auto records = gpio_follow_.read_new(&restarted);
+    // A file cut short or replaced by someone else holds no new drives.
+    if (restarted)
+        return false;
+    bool any = false;
+    for (auto &text : records) {
+        GpioRecord record;
+        if (parse_gpio_record(text, &record) && record.id >= 0) {
+            notify_line_watchers(s_, record);
+            any = true;
+        }
+    }
+    return any;
+}
+
+bool Host::deliver_file_events(const char *buf, ssize_t len)
+{
+    bool any = false;
     for (ssize_t at = 0; at < len;) {
         const auto *event = reinterpret_cast<const struct inotify_event *>(buf + at);
         at += static_cast<ssize_t>(sizeof(struct inotify_event) + event->len);
@@ -335,9 +355,12 @@ void Host::deliver_file_events(const char *buf, ssize_t len)
         if (dir == dir_of_wd_.end())
             continue;
         const std::string path = (dir->second == "/" ? "" : dir->second) + "/" + event->name;
-        if (has_file_watcher(s_, path))
+        if (has_file_watcher(s_, path)) {
             notify_file_watchers(s_, path);
+            any = true;
+        }
     }
+    return any;
 }
 
 void Host::follow_loop()
@@ -348,6 +371,10 @@ void Host::follow_loop()
         if (stop_)
             break;
         drain();
+        // Writes come in bursts (a process driving a line, logging): take
+        // them in a few at a time rather than waking for each.
+        struct timespec pause = {0, 2000000};
+        ::nanosleep(&pause, nullptr);
         if (now_ns() >= next_housekeeping_ns_) {
             next_housekeeping_ns_ = now_ns() + kHousekeepingNs;
             housekeeping();

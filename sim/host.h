@@ -55,6 +55,8 @@ public:
     // Takes in the writes of watched files and the GPIO records made so far
     // and hands them to their watchers.
     void drain();
+    // The same for the GPIO records alone (after a drive of this process).
+    void drain_lines();
     // Follows a file for Board::watch_file.
     void watch(const std::string &board_path);
 
@@ -71,8 +73,8 @@ private:
     void serve_connection(std::shared_ptr<Connection> connection);
     std::string handle(Connection &connection, const std::string &request, int *fd_out);
     void housekeeping();
-    void deliver_file_events(const char *buf, ssize_t len);
-    void deliver_gpio();
+    bool deliver_file_events(const char *buf, ssize_t len);
+    bool deliver_gpio();
 
     Board::State &s_;
     pid_t pid_;

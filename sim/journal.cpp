@@ -59,13 +59,16 @@ Journal::~Journal()
         ::close(fd_);
 }
 
-bool Journal::ensure_open_locked()
+bool Journal::ensure_open_locked(struct stat *seen)
 {
     if (fd_ >= 0) {
         struct stat st;
         // A file replaced by a compaction has no link left: follow the new one.
-        if (::fstat(fd_, &st) == 0 && st.st_nlink > 0)
+        if (::fstat(fd_, &st) == 0 && st.st_nlink > 0) {
+            if (seen)
+                *seen = st;
             return true;
+        }
         ::close(fd_);
         fd_ = -1;
         offset_ = 0;
@@ -73,7 +76,7 @@ bool Journal::ensure_open_locked()
         reopened_ = true;
     }
     fd_ = ::open(path_.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    return fd_ >= 0;
+    return fd_ >= 0 && (!seen || ::fstat(fd_, seen) == 0);
 }
 
 bool Journal::append(const std::string &record)
@@ -118,15 +121,13 @@ std::vector<std::string> Journal::split_locked(const std::string &bytes)
 std::vector<std::string> Journal::read_new(bool *restarted)
 {
     std::lock_guard<std::mutex> lock(mu_);
-    if (!ensure_open_locked()) {
+    struct stat st;
+    if (!ensure_open_locked(&st)) {
         *restarted = false;
         return {};
     }
     *restarted = reopened_;
     reopened_ = false;
-    struct stat st;
-    if (::fstat(fd_, &st) != 0)
-        return {};
     if (st.st_size < offset_) {
         // Cut short in place: read it again from the start.
         offset_ = 0;

@@ -13,6 +13,7 @@
 #ifndef VEXA_SIM_JOURNAL_H
 #define VEXA_SIM_JOURNAL_H
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -54,7 +55,8 @@ public:
     off_t size();
 
 private:
-    bool ensure_open_locked();
+    // Opens the journal's current file; *seen (if given) is its status.
+    bool ensure_open_locked(struct stat *seen = nullptr);
     std::vector<std::string> split_locked(const std::string &bytes);
 
     std::string path_;
