@@ -689,7 +689,7 @@ void drive_line(Board::State &s, int id, int level, const char *direction)
                            record.direction + ' ' + std::to_string(record.time_ns));
     if (Host *host = host_here(s))
         host->drain_lines(); // the host's watchers see it now, in order
-    else
+    else if (own_registry(s))
         notify_line_watchers(s, record);
 }
 
@@ -886,7 +886,7 @@ std::optional<std::string> call_service(Board::State &s, const std::string &name
                                         const std::string &request)
 {
     Service service;
-    {
+    if (own_registry(s)) {
         std::lock_guard<std::mutex> lock(s.mu);
         auto it = s.services.find(name);
         if (it != s.services.end())
@@ -951,7 +951,8 @@ void file_written(Board::State &s, const std::string &board_path)
         host->drain();
         return;
     }
-    notify_file_watchers(s, board_path);
+    if (own_registry(s))
+        notify_file_watchers(s, board_path);
     if (HostLink *link = link_here(s); link && link->watches(board_path)) {
         std::string reply;
         link->request(wire::Writer().u8(wire::kSync).bytes(), &reply);

@@ -129,6 +129,8 @@ Host *host_here(Board::State &s)
     return host && host->pid() == ::getpid() ? host : nullptr;
 }
 
+bool own_registry(Board::State &s) { return !s.host || s.host->pid() == ::getpid(); }
+
 HostLink *link_here(Board::State &s)
 {
     if (host_here(s))

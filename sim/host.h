@@ -160,6 +160,10 @@ std::string host_program();
 
 // This process hosts s (not a child forked from the host).
 Host *host_here(Board::State &s);
+// The models, handlers and watchers registered in s are this process's own:
+// false in a child forked from the host, whose copies are the host's (the
+// child reaches the host's through its link).
+bool own_registry(Board::State &s);
 // This process is a client of s's host: the link (made anew in a child
 // forked from the host or from a client); null when this process hosts s.
 HostLink *link_here(Board::State &s);

@@ -95,7 +95,7 @@ CommandResult run_command(Board::State &s, const std::string &command)
 {
     const auto argv = split_words(command);
     CommandHandler handler;
-    if (!argv.empty()) {
+    if (!argv.empty() && own_registry(s)) {
         const std::string program = fs::path(argv[0]).filename().string();
         std::lock_guard<std::mutex> lock(s.mu);
         auto it = s.commands.find(program);
@@ -122,7 +122,7 @@ CommandResult run_command(Board::State &s, const std::string &command)
 
 MountHandler mount_handler_of(Board::State &s, const std::string &source)
 {
-    {
+    if (own_registry(s)) {
         std::lock_guard<std::mutex> lock(s.mu);
         auto it = s.mount_handlers.find(source);
         if (it != s.mount_handlers.end())
@@ -157,7 +157,7 @@ int open(const char *path, int flags, mode_t mode)
     const std::string board_path = str(path);
     VEXA_SIM_FAULT("open", board_path, int);
     std::shared_ptr<sim::DeviceModel> model;
-    {
+    if (sim::own_registry(s)) {
         std::lock_guard<std::mutex> lock(s.mu);
         auto it = s.models.find(board_path);
         if (it != s.models.end())
@@ -308,7 +308,7 @@ int access(const char *path, int mode)
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("access", str(path), int);
     // A modelled node exists even where no file stands for it.
-    {
+    if (sim::own_registry(s)) {
         std::lock_guard<std::mutex> lock(s.mu);
         if (s.models.count(str(path)))
             return 0;
