@@ -113,7 +113,7 @@ std::string host_program()
     if (!ec)
         dirs.push_back(exe.parent_path().string());
     for (auto &dir : dirs)
-        for (const char *rel : {"/vexaboard-host", "/../libexec/vexaboard-host"})
+        for (const char *rel : {"/vexaboard-host", "/../libexec/vexaboard-host", "/../../libexec/vexaboard-host"})
             if (::access((dir + rel).c_str(), X_OK) == 0)
                 return dir + rel;
 #ifdef VEXA_BOARD_HOST_FALLBACK

@@ -94,4 +94,23 @@ wait $listen
 check "the host node is used as it is" node "$(cat "$dir/other-listen")"
 check "and stays the user's link" "$far" "$(readlink "$board/dev/ttyS7")"
 
+# A host that dies: the next command gets a new one, whose links replace the
+# dead host's.
+run serial ttl send x >/dev/null 2>&1
+host=$(pgrep -f "vexaboard-host .* $board\$")
+check "a detached host serves the board" 1 "$(echo "$host" | grep -c .)"
+kill -9 $host
+check "after its host died, the next command works" V7.7.7.7 "$(timeout 30 "$vexactl" --board "$board" mcu version 2>&1)"
+far=$(awk '$1 == "/dev/ttyS8" {print $3}' "$board/.board/lines")
+exec 3<>"$far"
+run serial ttl_2 send again >/dev/null 2>&1
+got=""
+read -r -t 5 -N 5 got <&3
+exec 3>&-
+check "and the new host's lines carry bytes" again "$got"
+
+# A folder too deep for a socket's address.
+deep="$dir/$(printf 'a%.0s' $(seq 60))/$(printf 'b%.0s' $(seq 60))/board"
+check "a deep board folder has a host too" V1.0.2.0 "$(timeout 30 "$vexactl" --board "$deep" mcu version 2>&1)"
+
 finish
