@@ -97,7 +97,11 @@ check "and stays the user's link" "$far" "$(readlink "$board/dev/ttyS7")"
 # A host that dies: the next command gets a new one, whose links replace the
 # dead host's.
 run serial ttl send x >/dev/null 2>&1
-host=$(pgrep -f "vexaboard-host .* $board\$")
+host=$(for p in /proc/[0-9]*; do
+    case "$(tr '\0' ' ' 2>/dev/null <"$p/cmdline")" in
+    *vexaboard-host\ *\ "$board"\ ) echo "${p#/proc/}" ;;
+    esac
+done 2>/dev/null)
 check "a detached host serves the board" 1 "$(echo "$host" | grep -c .)"
 kill -9 $host
 check "after its host died, the next command works" V7.7.7.7 "$(timeout 30 "$vexactl" --board "$board" mcu version 2>&1)"
