@@ -51,7 +51,13 @@ void lock_fd(int fd, int how)
 
 } // namespace
 
-Journal::Journal(std::string path) : path_(std::move(path)) {}
+Journal::Journal(std::string path) : path_(std::move(path))
+{
+    // Open from the start: the process's descriptors do not change with its
+    // first record.
+    std::lock_guard<std::mutex> lock(mu_);
+    ensure_open_locked();
+}
 
 Journal::~Journal()
 {
