@@ -656,6 +656,10 @@ bool parse_gpio_record(const std::string &record, GpioRecord *out)
 
 void read_gpio(Board::State &s)
 {
+    // The host keeps its view from the reading that feeds the line watchers
+    // (refresh_gpio below).
+    if (host_here(s))
+        return;
     bool restarted = false;
     auto records = s.gpio_journal->read_new(&restarted);
     if (restarted)
@@ -671,10 +675,19 @@ void read_gpio(Board::State &s)
     }
 }
 
+// Brings the process's view of the lines up to date; in the host, hands the
+// new records to the line watchers too.
+void refresh_gpio(Board::State &s)
+{
+    if (Host *host = host_here(s))
+        host->drain_lines();
+}
+
 int line_level(Board::State &s, int id)
 {
     if (id < 0)
         return -1;
+    refresh_gpio(s);
     std::lock_guard<std::mutex> lock(s.gpio_mu);
     read_gpio(s);
     auto it = s.gpio.find(id);
@@ -683,12 +696,12 @@ int line_level(Board::State &s, int id)
 
 void notify_line_watchers(Board::State &s, const GpioRecord &record)
 {
-    std::vector<Board::LineWatcher> watchers;
+    std::shared_ptr<const std::vector<Board::LineWatcher>> watchers;
     {
         std::lock_guard<std::mutex> lock(s.watch_mu);
         watchers = s.line_watchers;
     }
-    for (auto &watch : watchers)
+    for (auto &watch : *watchers)
         watch(record.id, record.level != 0 ? 1 : 0, record.time_ns);
 }
 
@@ -712,7 +725,9 @@ void drive_line(Board::State &s, int id, int level, const char *direction)
 void Board::watch_lines(LineWatcher watcher) const
 {
     std::lock_guard<std::mutex> lock(state_->watch_mu);
-    state_->line_watchers.push_back(std::move(watcher));
+    auto watchers = std::make_shared<std::vector<LineWatcher>>(*state_->line_watchers);
+    watchers->push_back(std::move(watcher));
+    state_->line_watchers = std::move(watchers);
 }
 
 int Board::line(int id) const { return line_level(*state_, id); }
@@ -720,6 +735,7 @@ void Board::set_line(int id, int level) const { drive_line(*state_, id, level, n
 
 std::string Board::line_direction(int id) const
 {
+    refresh_gpio(*state_);
     std::lock_guard<std::mutex> lock(state_->gpio_mu);
     read_gpio(*state_);
     auto it = state_->gpio.find(id);
@@ -729,6 +745,7 @@ std::string Board::line_direction(int id) const
 std::vector<std::pair<int, int>> Board::lines() const
 {
     std::vector<std::pair<int, int>> out;
+    refresh_gpio(*state_);
     std::lock_guard<std::mutex> lock(state_->gpio_mu);
     read_gpio(*state_);
     for (auto &[id, line] : state_->gpio)

@@ -188,9 +188,18 @@ Host::Host(Board::State &s) : s_(s), pid_(::getpid()), gpio_follow_(s.state_path
         throw HostBusy("the board in " + s.root + " is hosted by another process");
     }
     notify_fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    // Only what happens from now on concerns the models.
+    // Only what happens from now on concerns the models; what was before is
+    // the lines' state.
     bool restarted;
-    gpio_follow_.read_new(&restarted);
+    for (auto &text : gpio_follow_.read_new(&restarted)) {
+        GpioRecord record;
+        if (!parse_gpio_record(text, &record) || record.id < 0)
+            continue;
+        auto &line = s.gpio[record.id];
+        line.level = record.level != 0 ? 1 : 0;
+        if (record.direction != "=")
+            line.direction = record.direction;
+    }
     if (notify_fd_ >= 0)
         gpio_wd_ = ::inotify_add_watch(notify_fd_, s.state_path("gpio").c_str(), IN_MODIFY);
     struct stat st;
@@ -326,18 +335,31 @@ bool Host::deliver_gpio()
 {
     bool restarted = false;
     auto records = gpio_follow_.read_new(&restarted);
+    if (records.empty() && !restarted)
+        return false;
+    std::vector<GpioRecord> parsed;
+    {
+        // The host's view of the lines comes from the same reading.
+        std::lock_guard<std::mutex> lock(s_.gpio_mu);
+        if (restarted)
+            s_.gpio.clear();
+        for (auto &text : records) {
+            GpioRecord record;
+            if (!parse_gpio_record(text, &record) || record.id < 0)
+                continue;
+            auto &line = s_.gpio[record.id];
+            line.level = record.level != 0 ? 1 : 0;
+            if (record.direction != "=")
+                line.direction = record.direction;
+            parsed.push_back(std::move(record));
+        }
+    }
     // A file cut short or replaced by someone else holds no new drives.
     if (restarted)
         return false;
-    bool any = false;
-    for (auto &text : records) {
-        GpioRecord record;
-        if (parse_gpio_record(text, &record) && record.id >= 0) {
-            notify_line_watchers(s_, record);
-            any = true;
-        }
-    }
-    return any;
+    for (auto &record : parsed)
+        notify_line_watchers(s_, record);
+    return !parsed.empty();
 }
 
 bool Host::deliver_file_events(const char *buf, ssize_t len)

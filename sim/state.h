@@ -67,7 +67,9 @@ struct Board::State {
     std::multimap<std::string, FileWatcher> file_watchers; // by board path
     std::map<FILE *, int> popen_status;
     mutable std::mutex watch_mu; // guards line_watchers
-    std::vector<Board::LineWatcher> line_watchers;
+    // Replaced whole when one is added, so a drive copies no watcher.
+    std::shared_ptr<const std::vector<Board::LineWatcher>> line_watchers =
+        std::make_shared<std::vector<Board::LineWatcher>>();
 
     State();
     ~State();
