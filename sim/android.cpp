@@ -1,7 +1,8 @@
 // The Android log and system properties on the virtual board. Log records go
-// to ROOT/.board/log ("PRIORITY<TAB>TAG<TAB>TEXT", text escaped); properties
-// to ROOT/.board/properties. With VEXA_LOG_STDERR set, records are also
-// printed on standard error as "P/TAG: TEXT".
+// to the journal ROOT/.board/log ("SEC.NSEC<TAB>PID<TAB>TID<TAB>PRIORITY<TAB>
+// TAG<TAB>TEXT", tag and text escaped); properties to the journal
+// ROOT/.board/properties. With VEXA_LOG_STDERR set, records are also printed
+// on standard error as "P/TAG: TEXT".
 #include "platform/android.h"
 
 #include <cerrno>
@@ -10,6 +11,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
 
 #include "sim/state.h"
 
@@ -32,10 +37,22 @@ extern "C" int __android_log_print(int prio, const char *tag, const char *fmt, .
     const std::string safe_tag = tag ? tag : "";
     if (std::getenv("VEXA_LOG_STDERR"))
         std::fprintf(stderr, "%s\n", vexa::sim::LogRecord{prio, safe_tag, text}.line().c_str());
-    if (auto state = vexa::sim::attached())
-        vexa::sim::append_state(*state, "log",
-                                std::to_string(prio) + "\t" + vexa::sim::escape_line(safe_tag) + "\t" +
-                                    vexa::sim::escape_line(text));
+    // The process and thread ids, asked once per thread (again after a fork).
+    static thread_local pid_t pid = 0;
+    static thread_local long tid = 0;
+    if (pid != ::getpid()) {
+        pid = ::getpid();
+        tid = static_cast<long>(::syscall(SYS_gettid));
+    }
+    if (auto state = vexa::sim::attached()) {
+        struct timespec now;
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        char head[96];
+        std::snprintf(head, sizeof head, "%lld.%09ld\t%d\t%ld\t%d\t", static_cast<long long>(now.tv_sec),
+                      now.tv_nsec, static_cast<int>(pid), tid, prio);
+        state->log_journal->append(head + vexa::sim::escape_line(safe_tag) + "\t" +
+                                   vexa::sim::escape_line(text));
+    }
     errno = saved_errno;
     return n;
 }

@@ -3,6 +3,8 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,11 +12,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <system_error>
 
 #include "platform/os.h"
+#include "sim/host.h"
 #include "sim/state.h"
+#include "sim/wire.h"
 
 namespace fs = std::filesystem;
 
@@ -42,6 +47,8 @@ std::vector<Hook> &attachers()
 std::mutex g_attach_mu;
 std::shared_ptr<Board::State> g_attached;
 bool g_ever_attached = false;
+// Boards this process hosts, by root: open() of one of them shares it.
+std::map<std::string, std::weak_ptr<Board::State>> g_hosted;
 
 void write_host_file(const std::string &path, const std::string &contents)
 {
@@ -58,6 +65,13 @@ std::string read_host_file(const std::string &path)
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+uint64_t real_monotonic_ns()
+{
+    struct timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
 }
 
 bool is_board(const std::string &root) { return fs::exists(root + "/.board"); }
@@ -78,13 +92,29 @@ void register_seeder(const char *name, std::function<void(Board &)> seed)
     seeders().push_back({name, std::move(seed)});
 }
 
+std::vector<Hook> &process_attachers()
+{
+    static std::vector<Hook> hooks;
+    return hooks;
+}
+
+void register_process_attacher(const char *name, std::function<void(Board &)> attach)
+{
+    process_attachers().push_back({name, std::move(attach)});
+}
+
 void register_attacher(const char *name, std::function<void(Board &)> attach)
 {
     attachers().push_back({name, std::move(attach)});
 }
 
+Board::State::State() = default;
+
 Board::State::~State()
 {
+    // The host's threads call into the models: they stop first.
+    host.reset();
+    link.reset();
     if (temporary) {
         std::error_code ec;
         fs::remove_all(root, ec);
@@ -277,6 +307,7 @@ int DeviceModel::ioctl(int, unsigned long, void *)
 }
 int DeviceModel::fsync(int fd) { return ::fsync(fd); }
 void DeviceModel::close(int fd) { ::close(fd); }
+size_t DeviceModel::ioctl_size(unsigned long request) const { return _IOC_SIZE(request); }
 
 // ---- Builder ----
 
@@ -328,7 +359,43 @@ std::shared_ptr<Board::State> make_state(const std::string &root, bool temporary
     state->temporary = temporary;
     state->fast = fast;
     fs::create_directories(state->root + "/.board");
+    state->log_journal = std::make_unique<Journal>(state->state_path("log"));
+    state->property_journal = std::make_unique<Journal>(state->state_path("properties"));
+    state->gpio_journal = std::make_unique<Journal>(state->state_path("gpio"));
     return state;
+}
+
+// Hosts the board in this process, or makes it a client of the host that
+// runs already when `or_client`.
+void host_or_link(const std::shared_ptr<Board::State> &state, bool or_client)
+{
+    try {
+        state->host = std::make_unique<Host>(*state);
+        std::lock_guard<std::mutex> lock(g_attach_mu);
+        g_hosted[state->root] = state;
+    } catch (const HostBusy &) {
+        if (!or_client)
+            throw;
+        state->link = std::make_unique<HostLink>(*state);
+    }
+}
+
+std::shared_ptr<Board::State> hosted_here(const std::string &dir)
+{
+    const std::string root = fs::absolute(dir).lexically_normal().string();
+    std::lock_guard<std::mutex> lock(g_attach_mu);
+    for (auto it = g_hosted.begin(); it != g_hosted.end();) {
+        auto state = it->second.lock();
+        if (!state) {
+            it = g_hosted.erase(it);
+            continue;
+        }
+        if (fs::path(it->first) == fs::path(root).lexically_normal() ||
+            it->first + "/" == root)
+            return state;
+        ++it;
+    }
+    return nullptr;
 }
 
 } // namespace
@@ -363,6 +430,7 @@ Board Board::Builder::build()
         board.set_module_id(spec_->has_modid ? spec_->modid : "0");
     for (auto &[path, contents] : spec_->files)
         board.write_file(path, contents);
+    host_or_link(board.state_, true);
     board.attach();
     return board;
 }
@@ -394,8 +462,18 @@ void Board::attach()
         g_ever_attached = true;
     }
     owner_ = true;
-    for (auto &hook : attachers())
-        hook.fn(*this);
+    // The models live where the board is hosted, set up once.
+    if (!state_->attached_models && (state_->host || state_->link)) {
+        state_->attached_models = true;
+        for (auto &hook : process_attachers())
+            hook.fn(*this);
+    }
+    if (state_->host && !state_->host_started) {
+        state_->host_started = true;
+        for (auto &hook : attachers())
+            hook.fn(*this);
+        state_->host->start();
+    }
 }
 
 void Board::detach()
@@ -408,20 +486,77 @@ void Board::detach()
         g_attached.reset();
 }
 
-Board Board::open(const std::string &dir, bool fast_clock)
+// Lays out a default board in a missing or empty dir.
+std::shared_ptr<Board::State> Board::prepare(const std::string &dir, bool fast_clock)
 {
     const bool fresh = !is_board(dir);
     if (fresh)
         check_new_root(dir);
-    Board board(make_state(dir, false, fast_clock));
+    auto state = make_state(dir, false, fast_clock);
     if (fresh) {
+        Board seed(state);
         for (auto &hook : seeders())
-            hook.fn(board);
-        if (!board.exists_state("product_info"))
-            board.set_module_id("0");
+            hook.fn(seed);
+        if (!fs::exists(state->state_path("product_info")))
+            seed.set_module_id("0");
     }
+    return state;
+}
+
+Board Board::open(const std::string &dir, bool fast_clock)
+{
+    if (auto state = hosted_here(dir)) {
+        Board board(state);
+        board.attach();
+        return board;
+    }
+    auto state = prepare(dir, fast_clock);
+    if (host_program().empty()) {
+        // No host program to start (a program built without one): the
+        // models live in this process while it holds the board.
+        host_or_link(state, true);
+    } else {
+        state->link = std::make_unique<HostLink>(*state);
+    }
+    Board board(state);
     board.attach();
     return board;
+}
+
+Board Board::host(const std::string &dir, bool fast_clock)
+{
+    auto state = prepare(dir, fast_clock);
+    try {
+        host_or_link(state, false);
+    } catch (const HostBusy &e) {
+        throw std::runtime_error(e.what());
+    }
+    Board board(state);
+    board.attach();
+    return board;
+}
+
+bool Board::stop_host(const std::string &dir, int timeout_ms)
+{
+    const std::string root = fs::absolute(dir).lexically_normal().string();
+    const std::string lock_path = root + "/.board/host.lock";
+    auto free_now = [&] {
+        const int fd = ::open(lock_path.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0)
+            return true;
+        const bool free = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+        ::close(fd);
+        return free;
+    };
+    if (free_now())
+        return true;
+    request_host_quit(root);
+    for (int waited = 0; waited < timeout_ms; waited += 20) {
+        if (free_now())
+            return true;
+        ::usleep(20000);
+    }
+    return free_now();
 }
 
 std::string Board::default_root()
@@ -440,6 +575,20 @@ Board Board::current()
     if (!state)
         throw std::runtime_error("no virtual board is attached");
     return Board(state);
+}
+
+bool Board::hosting() const { return host_here(*state_) != nullptr; }
+
+uint64_t Board::idle_ns() const
+{
+    Host *host = host_here(*state_);
+    return host ? host->idle_ns() : 0;
+}
+
+bool Board::should_leave() const
+{
+    Host *host = host_here(*state_);
+    return host && host->should_leave();
 }
 
 bool Board::exists_state(const char *name) const { return fs::exists(state_->state_path(name)); }
@@ -479,68 +628,106 @@ void Board::set_module_id(const std::string &text) const
     write_state(*state_, "product_info", info);
 }
 
-// Lines: ROOT/.board/gpio holds "ID LEVEL DIRECTION" a line.
-namespace {
-
-struct LineState {
-    int level = 0;
-    std::string direction = "in";
-};
-
-std::map<int, LineState> read_lines(const Board::State &s)
+// Lines: the GPIO journal ROOT/.board/gpio (see state.h).
+bool parse_gpio_record(const std::string &record, GpioRecord *out)
 {
-    std::map<int, LineState> lines;
-    std::istringstream in(read_state(s, "gpio"));
-    int id, level;
-    std::string direction;
-    while (in >> id >> level >> direction)
-        lines[id] = {level, direction};
-    return lines;
+    // "ID LEVEL DIRECTION [TIME]", parsed by hand: this is the GPIO calls'
+    // hot path.
+    const char *p = record.c_str();
+    char *end;
+    GpioRecord r;
+    r.id = static_cast<int>(std::strtol(p, &end, 10));
+    if (end == p || *end != ' ')
+        return false;
+    p = end;
+    r.level = static_cast<int>(std::strtol(p, &end, 10));
+    if (end == p || *end != ' ')
+        return false;
+    p = end + 1;
+    const char *dir_end = std::strchr(p, ' ');
+    r.direction.assign(p, dir_end ? static_cast<size_t>(dir_end - p) : std::strlen(p));
+    if (r.direction.empty())
+        return false;
+    if (dir_end)
+        r.time_ns = std::strtoull(dir_end + 1, nullptr, 10);
+    *out = std::move(r);
+    return true;
 }
 
-void write_lines(const Board::State &s, const std::map<int, LineState> &lines)
+void read_gpio(Board::State &s)
 {
-    std::ostringstream out;
-    for (auto &[id, line] : lines)
-        out << id << ' ' << line.level << ' ' << line.direction << '\n';
-    write_state(s, "gpio", out.str());
+    // The host keeps its view from the reading that feeds the line watchers
+    // (refresh_gpio below).
+    if (host_here(s))
+        return;
+    bool restarted = false;
+    auto records = s.gpio_journal->read_new(&restarted);
+    if (restarted)
+        s.gpio.clear();
+    for (auto &record : records) {
+        GpioRecord r;
+        if (!parse_gpio_record(record, &r) || r.id < 0)
+            continue;
+        auto &line = s.gpio[r.id];
+        line.level = r.level != 0 ? 1 : 0;
+        if (r.direction != "=")
+            line.direction = r.direction;
+    }
 }
 
-} // namespace
+// Brings the process's view of the lines up to date; in the host, hands the
+// new records to the line watchers too.
+void refresh_gpio(Board::State &s)
+{
+    if (Host *host = host_here(s))
+        host->drain_lines();
+}
 
-int line_level(const Board::State &s, int id)
+int line_level(Board::State &s, int id)
 {
     if (id < 0)
         return -1;
-    auto lines = with_board_lock(s, [&] { return read_lines(s); });
-    auto it = lines.find(id);
-    return it == lines.end() ? 0 : it->second.level;
+    refresh_gpio(s);
+    std::lock_guard<std::mutex> lock(s.gpio_mu);
+    read_gpio(s);
+    auto it = s.gpio.find(id);
+    return it == s.gpio.end() ? 0 : it->second.level;
 }
 
-void drive_line(const Board::State &s, int id, int level, const char *direction)
+void notify_line_watchers(Board::State &s, const GpioRecord &record)
 {
-    if (id < 0)
-        return;
-    with_board_lock(s, [&] {
-        auto lines = read_lines(s);
-        lines[id].level = level != 0 ? 1 : 0;
-        if (direction)
-            lines[id].direction = direction;
-        write_lines(s, lines);
-    });
-    std::vector<Board::LineWatcher> watchers;
+    std::shared_ptr<const std::vector<Board::LineWatcher>> watchers;
     {
         std::lock_guard<std::mutex> lock(s.watch_mu);
         watchers = s.line_watchers;
     }
-    for (auto &watch : watchers)
-        watch(id, level != 0 ? 1 : 0, vexa::os::monotonic_ns());
+    for (auto &watch : *watchers)
+        watch(record.id, record.level != 0 ? 1 : 0, record.time_ns);
+}
+
+void drive_line(Board::State &s, int id, int level, const char *direction)
+{
+    if (id < 0)
+        return;
+    GpioRecord record;
+    record.id = id;
+    record.level = level != 0 ? 1 : 0;
+    record.direction = direction ? direction : "=";
+    record.time_ns = real_monotonic_ns() + static_cast<uint64_t>(s.clock_offset_ns.load());
+    s.gpio_journal->append(std::to_string(record.id) + ' ' + std::to_string(record.level) + ' ' +
+                           record.direction + ' ' + std::to_string(record.time_ns));
+    if (Host *host = host_here(s))
+        host->drain_lines(); // the host's watchers see it now, in order
+    else if (own_registry(s))
+        notify_line_watchers(s, record);
 }
 
 void Board::watch_lines(LineWatcher watcher) const
 {
     std::lock_guard<std::mutex> lock(state_->watch_mu);
-    state_->line_watchers.push_back(std::move(watcher));
+    auto watchers = std::make_shared<std::vector<LineWatcher>>(*state_->line_watchers);
+    watchers->push_back(std::move(watcher));
+    state_->line_watchers = std::move(watchers);
 }
 
 int Board::line(int id) const { return line_level(*state_, id); }
@@ -548,68 +735,104 @@ void Board::set_line(int id, int level) const { drive_line(*state_, id, level, n
 
 std::string Board::line_direction(int id) const
 {
-    auto lines = with_board_lock(*state_, [&] { return read_lines(*state_); });
-    auto it = lines.find(id);
-    return it == lines.end() ? "in" : it->second.direction;
+    refresh_gpio(*state_);
+    std::lock_guard<std::mutex> lock(state_->gpio_mu);
+    read_gpio(*state_);
+    auto it = state_->gpio.find(id);
+    return it == state_->gpio.end() ? "in" : it->second.direction;
 }
 
 std::vector<std::pair<int, int>> Board::lines() const
 {
     std::vector<std::pair<int, int>> out;
-    for (auto &[id, line] : with_board_lock(*state_, [&] { return read_lines(*state_); }))
+    refresh_gpio(*state_);
+    std::lock_guard<std::mutex> lock(state_->gpio_mu);
+    read_gpio(*state_);
+    for (auto &[id, line] : state_->gpio)
         out.emplace_back(id, line.level);
     return out;
 }
 
-// Properties: ROOT/.board/properties holds "key=value" a line.
-namespace {
-
-std::map<std::string, std::string> read_properties(const Board::State &s)
-{
-    std::map<std::string, std::string> props;
-    std::istringstream in(read_state(s, "properties"));
-    std::string line;
-    while (std::getline(in, line)) {
-        const auto eq = line.find('=');
-        if (eq != std::string::npos)
-            props[line.substr(0, eq)] = unescape_line(line.substr(eq + 1));
-    }
-    return props;
-}
-
-} // namespace
-
+// Properties: the journal ROOT/.board/properties holds "key=value" a line;
+// the last record of a key holds.
 std::string Board::property(const std::string &key) const
 {
-    auto props = with_board_lock(*state_, [&] { return read_properties(*state_); });
-    auto it = props.find(key);
-    return it == props.end() ? std::string() : it->second;
+    auto &s = *state_;
+    std::lock_guard<std::mutex> lock(s.property_mu);
+    bool restarted = false;
+    auto records = s.property_journal->read_new(&restarted);
+    if (restarted)
+        s.properties.clear();
+    for (auto &record : records) {
+        const auto eq = record.find('=');
+        if (eq != std::string::npos)
+            s.properties[record.substr(0, eq)] = unescape_line(record.substr(eq + 1));
+    }
+    auto it = s.properties.find(key);
+    return it == s.properties.end() ? std::string() : it->second;
 }
 
 void Board::set_property(const std::string &key, const std::string &value) const
 {
-    with_board_lock(*state_, [&] {
-        auto props = read_properties(*state_);
-        props[key] = value;
-        std::ostringstream out;
-        for (auto &[k, v] : props)
-            out << k << '=' << escape_line(v) << '\n';
-        write_state(*state_, "properties", out.str());
-    });
+    state_->property_journal->append(key + '=' + escape_line(value));
+}
+
+bool parse_log_record(const std::string &record, LogRecord *out)
+{
+    std::vector<std::string> fields;
+    size_t start = 0;
+    for (int i = 0; i < 5; ++i) {
+        const size_t tab = record.find('\t', start);
+        if (tab == std::string::npos)
+            break;
+        fields.push_back(record.substr(start, tab - start));
+        start = tab + 1;
+    }
+    LogRecord r{0, "", ""};
+    if (fields.size() == 5 && fields[0].find('.') != std::string::npos) {
+        const auto dot = fields[0].find('.');
+        r.time_ns = std::atoll(fields[0].substr(0, dot).c_str()) * 1000000000ll +
+                    std::atoll(fields[0].substr(dot + 1).c_str());
+        r.pid = std::atoi(fields[1].c_str());
+        r.tid = std::atoi(fields[2].c_str());
+        r.priority = std::atoi(fields[3].c_str());
+        r.tag = unescape_line(fields[4]);
+    } else if (fields.size() >= 2) {
+        // An older board: PRIORITY, TAG, TEXT.
+        start = fields[0].size() + fields[1].size() + 2;
+        r.priority = std::atoi(fields[0].c_str());
+        r.tag = unescape_line(fields[1]);
+    } else {
+        return false;
+    }
+    r.text = unescape_line(record.substr(start));
+    *out = std::move(r);
+    return true;
 }
 
 std::vector<LogRecord> Board::log() const
 {
     std::vector<LogRecord> records;
-    std::istringstream in(read_state(*state_, "log"));
-    std::string line;
-    while (std::getline(in, line)) {
-        const auto t1 = line.find('\t');
-        const auto t2 = t1 == std::string::npos ? t1 : line.find('\t', t1 + 1);
-        if (t2 == std::string::npos)
-            continue;
-        records.push_back({std::atoi(line.substr(0, t1).c_str()), line.substr(t1 + 1, t2 - t1 - 1),
-                           unescape_line(line.substr(t2 + 1))});
+    for (auto &text : state_->log_journal->read_all()) {
+        LogRecord record{0, "", ""};
+        if (parse_log_record(text, &record))
+            records.push_back(std::move(record));
+    }
+    return records;
+}
+
+std::vector<LogRecord> Board::new_log() const
+{
+    auto &s = *state_;
+    std::lock_guard<std::mutex> lock(s.mu);
+    if (!s.log_follow)
+        s.log_follow = std::make_unique<Journal>(s.state_path("log"));
+    bool restarted = false;
+    std::vector<LogRecord> records;
+    for (auto &text : s.log_follow->read_new(&restarted)) {
+        LogRecord record{0, "", ""};
+        if (parse_log_record(text, &record))
+            records.push_back(std::move(record));
     }
     return records;
 }
@@ -622,7 +845,12 @@ std::vector<std::string> Board::log_lines() const
     return lines;
 }
 
-void Board::clear_log() const { write_state(*state_, "log", ""); }
+void Board::clear_log() const
+{
+    state_->log_journal->rewrite([](const std::vector<std::string> &, size_t) {
+        return std::vector<std::string>();
+    });
+}
 
 std::vector<std::string> Board::commands() const
 {
@@ -691,26 +919,48 @@ std::optional<std::string> call_service(Board::State &s, const std::string &name
                                         const std::string &request)
 {
     Service service;
-    {
+    if (own_registry(s)) {
         std::lock_guard<std::mutex> lock(s.mu);
         auto it = s.services.find(name);
         if (it != s.services.end())
             service = it->second;
     }
-    if (!service) {
-        errno = ENODEV;
+    if (service)
+        return service(request);
+    if (HostLink *link = link_here(s)) {
+        std::string reply;
+        if (!link->request(wire::Writer().u8(wire::kCall).str(name).str(request).bytes(), &reply))
+            return std::nullopt;
+        wire::Reader in(reply);
+        if (in.u8()) {
+            std::string answer = in.str();
+            if (!in.bad())
+                return answer;
+        }
+        errno = in.bad() ? EPROTO : in.i32();
         return std::nullopt;
     }
-    return service(request);
+    errno = ENODEV;
+    return std::nullopt;
 }
 
 void Board::watch_file(const std::string &board_path, FileWatcher watcher) const
 {
-    std::lock_guard<std::mutex> lock(state_->mu);
-    state_->file_watchers.emplace(board_path, std::move(watcher));
+    {
+        std::lock_guard<std::mutex> lock(state_->mu);
+        state_->file_watchers.emplace(board_path, std::move(watcher));
+    }
+    if (Host *host = host_here(*state_))
+        host->watch(board_path);
 }
 
-void file_written(Board::State &s, const std::string &board_path)
+bool has_file_watcher(Board::State &s, const std::string &board_path)
+{
+    std::lock_guard<std::mutex> lock(s.mu);
+    return s.file_watchers.count(board_path) != 0;
+}
+
+void notify_file_watchers(Board::State &s, const std::string &board_path)
 {
     std::vector<FileWatcher> watchers;
     {
@@ -724,6 +974,22 @@ void file_written(Board::State &s, const std::string &board_path)
     const std::string contents = read_host_file(s.host_path(board_path));
     for (auto &watch : watchers)
         watch(board_path, contents);
+}
+
+void file_written(Board::State &s, const std::string &board_path)
+{
+    if (Host *host = host_here(s)) {
+        // The host's watchers learn of it from the folder, in order with
+        // every other writer's.
+        host->drain();
+        return;
+    }
+    if (own_registry(s))
+        notify_file_watchers(s, board_path);
+    if (HostLink *link = link_here(s); link && link->watches(board_path)) {
+        std::string reply;
+        link->request(wire::Writer().u8(wire::kSync).bytes(), &reply);
+    }
 }
 
 bool Board::fast_clock() const { return state_->fast; }

@@ -5,11 +5,16 @@
 // state (GPIO lines, properties, the log, the command journal, reboots) lives
 // in plain text files under ROOT/.board/, so separate processes that open the
 // same root see one board. Nodes that are not plain files are served by device
-// models registered by path; models live while a process holds the board.
+// models registered by path; the models live in the board's host, one set for
+// every process that attaches the folder.
 //
 // One board is attached per process at a time: the platform calls (hal_*,
 // the log, properties, the OS layer) act on it. A process that makes a
 // platform call before attaching one attaches the default board.
+//
+// One process hosts a folder's device models (sim/host.h): a Builder board is
+// hosted by the process that built it; Board::open makes the process a client
+// of the folder's host, starting a detached one when none runs.
 //
 // Threads: the board's calls may be made from any thread.
 #ifndef VEXA_SIM_BOARD_H
@@ -31,6 +36,9 @@ struct LogRecord {
     int priority;     // 3 debug, 4 info, 5 warning, 6 error
     std::string tag;
     std::string text; // as printed, trailing newline included
+    int64_t time_ns = 0; // wall-clock time (CLOCK_REALTIME) of the record; 0: not known
+    int pid = 0;         // the process and thread that logged it (0: not known)
+    int tid = 0;
 
     // "P/TAG: TEXT" with P one of D I W E and TEXT without its trailing newline.
     std::string line() const;
@@ -66,6 +74,12 @@ struct Fault {
 // may open a backing file, a pty or anything else); the board then routes the
 // other calls on that descriptor to the model until it is closed. The defaults
 // pass straight through to the descriptor.
+//
+// The model lives in the board's host. A client process's open reaches it
+// there, and the client gets the same open file (a duplicate of the
+// descriptor); its read, write, pread, pwrite, ioctl and close calls on it are
+// carried out by the model in the host. An ioctl's argument travels as the
+// bytes ioctl_size() names (default: the size the request number encodes).
 class DeviceModel {
 public:
     virtual ~DeviceModel();
@@ -78,6 +92,8 @@ public:
     virtual int ioctl(int fd, unsigned long request, void *arg);
     virtual int fsync(int fd);
     virtual void close(int fd);
+    // Bytes of the argument of `request` (0: the argument is a plain number).
+    virtual size_t ioctl_size(unsigned long request) const;
 };
 
 // Output and status of a shell command that a handler carried out.
@@ -117,6 +133,11 @@ class Board;
 //   attaches a board.
 void register_seeder(const char *name, std::function<void(Board &)> seed);
 void register_attacher(const char *name, std::function<void(Board &)> attach);
+// A process attacher runs in every process that attaches the board, host and
+// clients alike, for what can only live in the process that uses it (a
+// umockdev testbed, which libusb reaches through the preload library of its
+// own process). What it registers serves that process only.
+void register_process_attacher(const char *name, std::function<void(Board &)> attach);
 
 class Board {
 public:
@@ -150,7 +171,25 @@ public:
     // Attaches the board in dir, laying out a default board there when dir is
     // missing or empty (a directory with other files and no board throws
     // std::runtime_error). fast_clock as in the builder (default: off).
+    // The process becomes a client of the folder's host, which is started
+    // (detached, see docs/virtual-board.md) when none runs; a process that
+    // hosts dir already gets its own board.
     static Board open(const std::string &dir, bool fast_clock = false);
+    // Attaches the board in dir and hosts its device models in this process
+    // (vexaboard-host, `vexactl board serve`); laid out as open() does.
+    // Throws std::runtime_error when another process hosts the folder.
+    static Board host(const std::string &dir, bool fast_clock = false);
+    // Asks the host of dir to leave and waits up to timeout_ms for it to go;
+    // true when no host runs for dir any more.
+    static bool stop_host(const std::string &dir, int timeout_ms = 5000);
+    // This process hosts the board's models (a Builder board does unless
+    // another process hosts its folder).
+    bool hosting() const;
+    // For a hosting process: nanoseconds since the last client left or made
+    // a request (0 while one is connected); and whether the host should
+    // leave (its folder has gone, or a client asked it to).
+    uint64_t idle_ns() const;
+    bool should_leave() const;
     // Where the default board lives: $VEXA_BOARD, else
     // $XDG_STATE_HOME/vexasdk/board, else ~/.local/state/vexasdk/board.
     static std::string default_root();
@@ -184,9 +223,11 @@ public:
     std::string line_direction(int id) const;
     // Every line driven so far, ascending by id.
     std::vector<std::pair<int, int>> lines() const;
-    // Calls watcher(id, level, board time in ns) after every drive of a line,
-    // from the driving thread (this process only): device models that watch
-    // a line see each pulse, however short.
+    // Calls watcher(id, level, board time in ns) for every drive of a line.
+    // In the host: the drives of every process, each with the board time of
+    // its driver, in order (at once for the host's own drives, and before the
+    // host answers a client for the drives that client made). In a client:
+    // this process's drives, from the driving thread.
     using LineWatcher = std::function<void(int id, int level, uint64_t now_ns)>;
     void watch_lines(LineWatcher watcher) const;
 
@@ -194,10 +235,14 @@ public:
     std::string property(const std::string &key) const;
     void set_property(const std::string &key, const std::string &value) const;
 
-    // The log, oldest first.
+    // The log, oldest first. The host keeps it bounded: past 1 MiB the oldest
+    // records go, and about the newest 512 KiB stay.
     std::vector<LogRecord> log() const;
     std::vector<std::string> log_lines() const;
     void clear_log() const;
+    // Records logged since the last call in this process (the first call:
+    // the whole log), oldest first: for following the log.
+    std::vector<LogRecord> new_log() const;
 
     // Shell commands exactly as the library issued them, oldest first.
     std::vector<std::string> commands() const;
@@ -214,15 +259,24 @@ public:
     void inject(const Fault &fault) const;
     void clear_faults() const;
 
-    // Device models, by board path (this process only).
+    // Device models, by board path. A model added by an attacher serves every
+    // process (see DeviceModel); one added by a client process serves that
+    // process only.
     void add_model(const std::string &board_path, std::shared_ptr<DeviceModel> model) const;
 
     // Services of the board's models (see Service). serve() is for
     // attachers; call() returns the reply, or nothing with errno ENODEV when
-    // no model serves `name`.
+    // no model serves `name`. In a client, call() asks the host (after a
+    // service of this process's own, if any).
     void serve(const std::string &name, Service service) const;
     std::optional<std::string> call(const std::string &name, const std::string &request) const;
-    // Follows a board file (see FileWatcher); for attachers.
+    // Follows a board file (see FileWatcher); for attachers. In the host the
+    // watcher sees every writer (the library in any process, a shell, another
+    // program: the host follows the file with inotify); a write the library
+    // makes reaches it before the writing call returns, a write from outside
+    // when the host reads it (a pulse an outside program writes faster than
+    // that may be seen as its last level only). In a client process: the
+    // writes of this process.
     void watch_file(const std::string &board_path, FileWatcher watcher) const;
 
     // The clock. With a fast clock sleeps return at once and advance it.
@@ -236,6 +290,7 @@ public:
 
 private:
     explicit Board(std::shared_ptr<State> state);
+    static std::shared_ptr<State> prepare(const std::string &dir, bool fast_clock);
     void attach();
     void detach();
     bool exists_state(const char *name) const;
@@ -255,6 +310,11 @@ private:
     static const bool VEXA_SIM_CONCAT(vexa_sim_seed_reg_, name) =                              \
         (::vexa::sim::register_seeder(#name, vexa_sim_seed_##name), true);                     \
     static void vexa_sim_seed_##name(::vexa::sim::Board &board)
+#define VEXA_SIM_PROCESS_ATTACHER(name)                                                        \
+    static void vexa_sim_pattach_##name(::vexa::sim::Board &board);                            \
+    static const bool VEXA_SIM_CONCAT(vexa_sim_pattach_reg_, name) =                           \
+        (::vexa::sim::register_process_attacher(#name, vexa_sim_pattach_##name), true);        \
+    static void vexa_sim_pattach_##name(::vexa::sim::Board &board)
 #define VEXA_SIM_ATTACHER(name)                                                                \
     static void vexa_sim_attach_##name(::vexa::sim::Board &board);                             \
     static const bool VEXA_SIM_CONCAT(vexa_sim_attach_reg_, name) =                            \

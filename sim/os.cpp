@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -15,7 +16,9 @@
 #include <sstream>
 #include <type_traits>
 
+#include "sim/host.h"
 #include "sim/state.h"
+#include "sim/wire.h"
 
 namespace fs = std::filesystem;
 using vexa::sim::Board;
@@ -55,6 +58,26 @@ std::vector<std::string> split_words(const std::string &command)
     return words;
 }
 
+// A board line leads to a pty of the host (sim/serial/serial_line.h). A pty
+// cannot keep parity, and the kernel refuses (EINVAL) a parity setting that
+// changes nothing else, so each opener through the library starts from raw
+// 8N1, as the line stood when the host made it.
+void reset_board_pty(const std::string &host, int fd)
+{
+    if (!::isatty(fd))
+        return;
+    char target[64];
+    const ssize_t n = ::readlink(host.c_str(), target, sizeof target - 1);
+    if (n <= 0 || std::string(target, static_cast<size_t>(n)).rfind("/dev/pts/", 0) != 0)
+        return;
+    struct termios tio;
+    if (::tcgetattr(fd, &tio) == 0) {
+        ::cfmakeraw(&tio);
+        tio.c_cflag &= ~CLOCAL;
+        ::tcsetattr(fd, TCSANOW, &tio);
+    }
+}
+
 // The longest real wait of a poll with a fast clock: long enough for a model
 // thread to answer, short enough that silence costs no real time.
 constexpr int kFastPollRealMs = 200;
@@ -72,15 +95,56 @@ CommandResult run_command(Board::State &s, const std::string &command)
 {
     const auto argv = split_words(command);
     CommandHandler handler;
-    if (!argv.empty()) {
+    if (!argv.empty() && own_registry(s)) {
         const std::string program = fs::path(argv[0]).filename().string();
         std::lock_guard<std::mutex> lock(s.mu);
         auto it = s.commands.find(program);
         if (it != s.commands.end())
             handler = it->second;
     }
+    if (handler)
+        return handler(argv, command);
+    // The host's handlers carry out a client's commands.
+    HostLink *link = link_here(s);
+    if (link && !argv.empty() && link->offers_command(fs::path(argv[0]).filename().string())) {
+        std::string reply;
+        if (!link->request(wire::Writer().u8(wire::kCommand).str(command).bytes(), &reply))
+            return {127 << 8, ""};
+        wire::Reader in(reply);
+        CommandResult result;
+        result.status = in.i32();
+        result.output = in.str();
+        return result;
+    }
     // A command no area carries out is journaled and succeeds.
-    return handler ? handler(argv, command) : CommandResult{};
+    return CommandResult{};
+}
+
+MountHandler mount_handler_of(Board::State &s, const std::string &source)
+{
+    if (own_registry(s)) {
+        std::lock_guard<std::mutex> lock(s.mu);
+        auto it = s.mount_handlers.find(source);
+        if (it != s.mount_handlers.end())
+            return it->second;
+    }
+    HostLink *link = link_here(s);
+    if (!link || !link->offers_mount(source))
+        return MountHandler();
+    Board::State *state = &s;
+    return [state](const std::string &src, const std::string &target, bool attaching) {
+        HostLink *l = link_here(*state);
+        std::string reply;
+        if (!l || !l->request(wire::Writer().u8(wire::kMount).str(src).str(target).u8(attaching).bytes(),
+                              &reply))
+            return -1;
+        wire::Reader in(reply);
+        const int result = in.i32();
+        const int error = in.i32();
+        if (result != 0)
+            errno = error;
+        return result;
+    };
 }
 
 } // namespace vexa::sim
@@ -93,15 +157,25 @@ int open(const char *path, int flags, mode_t mode)
     const std::string board_path = str(path);
     VEXA_SIM_FAULT("open", board_path, int);
     std::shared_ptr<sim::DeviceModel> model;
-    {
+    if (sim::own_registry(s)) {
         std::lock_guard<std::mutex> lock(s.mu);
         auto it = s.models.find(board_path);
         if (it != s.models.end())
             model = it->second;
     }
     const std::string host = s.host_path(board_path);
-    const int fd = model ? model->open(host, flags, mode) : ::open(host.c_str(), flags | O_CLOEXEC, mode);
+    int fd;
+    if (model) {
+        fd = model->open(host, flags, mode);
+    } else if (sim::HostLink *link = sim::link_here(s); link && link->offers_model(board_path)) {
+        // The host's model serves it; the calls on the descriptor go there.
+        fd = link->open(board_path, flags, mode, &model);
+    } else {
+        fd = ::open(host.c_str(), flags | O_CLOEXEC, mode);
+    }
     if (fd >= 0) {
+        if (!model)
+            reset_board_pty(host, fd);
         std::lock_guard<std::mutex> lock(s.mu);
         s.open_files[fd] = {board_path, model, (flags & O_ACCMODE) != O_RDONLY};
     }
@@ -234,11 +308,13 @@ int access(const char *path, int mode)
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("access", str(path), int);
     // A modelled node exists even where no file stands for it.
-    {
+    if (sim::own_registry(s)) {
         std::lock_guard<std::mutex> lock(s.mu);
         if (s.models.count(str(path)))
             return 0;
     }
+    if (sim::HostLink *link = sim::link_here(s); link && link->offers_model(str(path)))
+        return 0;
     return ::access(s.host_path(str(path)).c_str(), mode);
 }
 
@@ -300,7 +376,7 @@ int mount(const char *source, const char *target, const char *fstype, unsigned l
                 return -1;
             }
         }
-        if (auto handler = s.mount_handler(source); handler && handler(source, target, true) != 0)
+        if (auto handler = sim::mount_handler_of(s, source); handler && handler(source, target, true) != 0)
             return -1;
         sim::write_state(s, "mounts", mounts + line.str() + "\n");
         return 0;
@@ -321,7 +397,7 @@ int umount(const char *target)
             words >> src >> dst;
             if (dst == str(target) && !found) {
                 found = true;
-                if (auto handler = s.mount_handler(src); handler && handler(src, dst, false) != 0)
+                if (auto handler = sim::mount_handler_of(s, src); handler && handler(src, dst, false) != 0)
                     return -1;
             } else
                 kept += l + "\n";

@@ -12,8 +12,12 @@
 #include <vector>
 
 #include "sim/board.h"
+#include "sim/journal.h"
 
 namespace vexa::sim {
+
+class Host;
+class HostLink;
 
 struct Board::State {
     std::string root;
@@ -33,6 +37,26 @@ struct Board::State {
         bool writable = false;
     };
 
+    // The board's journals (sim/journal.h), kept open by the process.
+    std::unique_ptr<Journal> log_journal, property_journal, gpio_journal;
+    std::mutex property_mu; // guards properties: what the journal said so far
+    std::map<std::string, std::string> properties;
+    struct Line {
+        int level = 0;
+        std::string direction = "in";
+    };
+    std::mutex gpio_mu; // guards gpio: what the journal said so far
+    std::map<int, Line> gpio;
+
+    // Exactly one of these once attached: this process hosts the board's
+    // models, or reaches them through the host (sim/host.h).
+    std::unique_ptr<Host> host;
+    std::unique_ptr<HostLink> link;
+    bool attached_models = false; // the process attachers ran
+    bool host_started = false;    // the attachers ran and the host listens
+    std::unique_ptr<Journal> log_follow; // Board::new_log's cursor
+    std::mutex link_mu; // guards link while it is made anew (after a fork)
+
     std::mutex mu; // guards everything below
     std::vector<FaultSlot> faults;
     std::map<std::string, std::shared_ptr<DeviceModel>> models;
@@ -43,18 +67,15 @@ struct Board::State {
     std::multimap<std::string, FileWatcher> file_watchers; // by board path
     std::map<FILE *, int> popen_status;
     mutable std::mutex watch_mu; // guards line_watchers
-    std::vector<Board::LineWatcher> line_watchers;
+    // Replaced whole when one is added, so a drive copies no watcher.
+    std::shared_ptr<const std::vector<Board::LineWatcher>> line_watchers =
+        std::make_shared<std::vector<Board::LineWatcher>>();
 
+    State();
     ~State();
 
     std::string state_path(const char *name) const { return root + "/.board/" + name; }
     std::string host_path(const std::string &board_path) const;
-    MountHandler mount_handler(const std::string &source)
-    {
-        std::lock_guard<std::mutex> lock(mu);
-        auto it = mount_handlers.find(source);
-        return it == mount_handlers.end() ? MountHandler() : it->second;
-    }
 };
 
 // The attached board, or null when a board was attached and detached again
@@ -105,9 +126,23 @@ template <typename Fn> auto with_board_lock(const Board::State &s, Fn fn) -> dec
 std::string escape_line(const std::string &text);
 std::string unescape_line(const std::string &text);
 
-// GPIO lines of the board's state file.
-int line_level(const Board::State &s, int id);
-void drive_line(const Board::State &s, int id, int level, const char *direction);
+// GPIO lines: the journal's records are "ID LEVEL DIRECTION TIME_NS", with
+// DIRECTION "=" for a level set from outside that keeps the direction.
+int line_level(Board::State &s, int id);
+void drive_line(Board::State &s, int id, int level, const char *direction);
+void read_gpio(Board::State &s); // brings s.gpio up to date; gpio_mu held
+struct GpioRecord {
+    int id = -1;
+    int level = 0;
+    std::string direction;
+    uint64_t time_ns = 0;
+};
+bool parse_gpio_record(const std::string &record, GpioRecord *out);
+// Calls the line watchers of this process.
+void notify_line_watchers(Board::State &s, const GpioRecord &record);
+// Calls the file watchers of this process with the file's contents now.
+void notify_file_watchers(Board::State &s, const std::string &board_path);
+bool has_file_watcher(Board::State &s, const std::string &board_path);
 
 // Calls a model's service (Board::call) on behalf of a platform call.
 std::optional<std::string> call_service(Board::State &s, const std::string &name,
@@ -118,6 +153,13 @@ void file_written(Board::State &s, const std::string &board_path);
 
 void record_command(Board::State &s, const std::string &command);
 CommandResult run_command(Board::State &s, const std::string &command);
+// The handler a process uses for a mount of `source` (the host's, through
+// the link, in a client).
+MountHandler mount_handler_of(Board::State &s, const std::string &source);
+
+// Log records: "SEC.NSEC<TAB>PID<TAB>TID<TAB>PRIORITY<TAB>TAG<TAB>TEXT",
+// tag and text escaped (older boards: "PRIORITY<TAB>TAG<TAB>TEXT").
+bool parse_log_record(const std::string &record, LogRecord *out);
 
 } // namespace vexa::sim
 

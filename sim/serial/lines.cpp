@@ -1,6 +1,15 @@
 // Attaches the serial lines of the product INI and the MCU behind the MCU's
-// line, and has the MCU follow the files of its reset lines.
+// line, and has the MCU follow the files of its reset lines, its watchdog
+// line and its settings file.
 #include <iniparser.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
 
 #include <filesystem>
 #include <fstream>
@@ -9,6 +18,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <set>
 
 #include "sim/board.h"
 #include "sim/serial/mcu_model.h"
@@ -18,9 +28,106 @@ namespace vexa::sim {
 
 namespace {
 
+// Joins each plain line's board side to its far end: what one side's
+// master reads, the other's master writes. A side whose reader does not
+// keep up loses the oldest bytes past 64 KiB, as a UART's receiver would
+// overrun.
+class Bridge {
+public:
+    explicit Bridge(std::vector<std::shared_ptr<SerialLine>> lines) : lines_(std::move(lines))
+    {
+        if (lines_.empty() || ::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
+            return;
+        for (auto &line : lines_) {
+            pipes_.push_back({line->board_master(), line->far_master(), {}});
+            pipes_.push_back({line->far_master(), line->board_master(), {}});
+        }
+        thread_ = std::thread([this] { run(); });
+    }
+    ~Bridge()
+    {
+        stop_ = true;
+        if (wake_[1] >= 0)
+            (void)!::write(wake_[1], "x", 1);
+        if (thread_.joinable())
+            thread_.join();
+        for (int fd : wake_)
+            if (fd >= 0)
+                ::close(fd);
+    }
+
+private:
+    struct Pipe {
+        int from, to;
+        std::string pending;
+    };
+    static constexpr size_t kMaxPending = 64 * 1024;
+
+    void run()
+    {
+        std::vector<struct pollfd> fds;
+        while (!stop_) {
+            fds.clear();
+            for (auto &pipe : pipes_)
+                fds.push_back(pipe.pending.empty() ? pollfd{pipe.from, POLLIN, 0} : pollfd{pipe.to, POLLOUT, 0});
+            fds.push_back({wake_[0], POLLIN, 0});
+            if (::poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR)
+                return;
+            if (stop_)
+                return;
+            for (size_t i = 0; i < pipes_.size(); ++i) {
+                Pipe &pipe = pipes_[i];
+                if (pipe.pending.empty() && (fds[i].revents & POLLIN)) {
+                    char buf[4096];
+                    const ssize_t n = ::read(pipe.from, buf, sizeof buf);
+                    if (n > 0)
+                        pipe.pending.append(buf, static_cast<size_t>(n));
+                } else if (!pipe.pending.empty() && !(fds[i].revents & POLLOUT)) {
+                    continue;
+                }
+                if (!pipe.pending.empty()) {
+                    const ssize_t n = ::write(pipe.to, pipe.pending.data(), pipe.pending.size());
+                    if (n > 0)
+                        pipe.pending.erase(0, static_cast<size_t>(n));
+                    if (pipe.pending.size() > kMaxPending)
+                        pipe.pending.erase(0, pipe.pending.size() - kMaxPending);
+                }
+            }
+        }
+    }
+
+    std::vector<std::shared_ptr<SerialLine>> lines_;
+    std::vector<Pipe> pipes_;
+    int wake_[2] = {-1, -1};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
 struct Lines {
+    std::string root;
     std::map<std::string, std::shared_ptr<SerialLine>> by_path;
     std::shared_ptr<McuModel> mcu;
+    std::unique_ptr<Bridge> bridge;
+    std::string record; // what ROOT/.board/lines says of them
+
+    ~Lines()
+    {
+        bridge.reset();
+        // The links lead nowhere once the ptys close: take them away, unless
+        // they lead to another host's pty by now.
+        for (auto &[path, line] : by_path) {
+            const std::string host = root + path;
+            char target[256];
+            const ssize_t n = ::readlink(host.c_str(), target, sizeof target - 1);
+            if (n > 0 && std::string(target, static_cast<size_t>(n)) == line->pty_path())
+                ::unlink(host.c_str());
+        }
+        std::ifstream in(root + "/.board/lines");
+        std::stringstream text;
+        text << in.rdbuf();
+        if (text.str() == record)
+            ::unlink((root + "/.board/lines").c_str());
+    }
 };
 
 std::mutex g_mu;
@@ -48,14 +155,12 @@ bool usable(const char *path)
     return path && path[0] == '/' && std::string(path).find("UNDEF") == std::string::npos;
 }
 
-// Settings of the MCU model kept with the board, so that every process that
-// attaches it (vexactl, board serve) sees the same MCU: "/.board/mcu-model",
-// lines "version=TEXT", "links=MASK", "type=N".
-void apply_model_settings(const Board &board, McuModel &mcu)
+// Settings of the MCU model kept with the board, so that every process sees
+// the same MCU: "/.board/mcu-model", lines "version=TEXT", "links=MASK",
+// "type=N"; followed while the host runs.
+void apply_model_settings(const std::string &text, McuModel &mcu)
 {
-    if (!board.exists("/.board/mcu-model"))
-        return;
-    std::istringstream in(board.read_file("/.board/mcu-model"));
+    std::istringstream in(text);
     std::string line;
     while (std::getline(in, line)) {
         const auto eq = line.find('=');
@@ -73,6 +178,37 @@ void apply_model_settings(const Board &board, McuModel &mcu)
         else if (key == "type" && numeric && number >= 1 && number <= 4)
             mcu.set_type(static_cast<int>(number));
     }
+}
+
+// The board paths whose links an earlier host made (ROOT/.board/lines).
+std::set<std::string> linked_before(const Board &board)
+{
+    std::set<std::string> paths;
+    if (!board.exists("/.board/lines"))
+        return paths;
+    std::istringstream in(board.read_file("/.board/lines"));
+    std::string path;
+    std::string rest;
+    while (in >> path && std::getline(in, rest))
+        paths.insert(path);
+    return paths;
+}
+
+// A symbolic link that no host made: a node of the host machine (a
+// USB-serial adapter, another program's pty), used as it is.
+bool host_node(const std::string &host, const std::set<std::string> &ours, const std::string &path)
+{
+    struct stat st;
+    return ::lstat(host.c_str(), &st) == 0 && S_ISLNK(st.st_mode) && !ours.count(path);
+}
+
+// Leads the board path to the line's board side.
+void link_line(const std::string &host, const SerialLine &line)
+{
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(host).parent_path(), ec);
+    std::filesystem::remove(host, ec);
+    std::filesystem::create_symlink(line.pty_path(), host, ec);
 }
 
 } // namespace
@@ -105,6 +241,28 @@ std::shared_ptr<McuModel> mcu_model(const Board &board)
 
 using namespace vexa::sim;
 
+std::optional<McuWatchdogView> vexa::sim::mcu_watchdog(const Board &board, uint64_t now_ns)
+{
+    McuWatchdogView view;
+    if (auto mcu = mcu_model(board)) {
+        const auto seen = mcu->watchdog(now_ns);
+        view.edges = seen.edges;
+        view.fed = seen.fed;
+        view.closed = seen.closed;
+        return view;
+    }
+    auto reply = board.call("mcu.watchdog", std::to_string(now_ns));
+    if (!reply)
+        return std::nullopt;
+    std::istringstream in(*reply);
+    int fed = 0, closed = 0;
+    if (!(in >> view.edges >> fed >> closed))
+        return std::nullopt;
+    view.fed = fed != 0;
+    view.closed = closed != 0;
+    return view;
+}
+
 VEXA_SIM_ATTACHER(serial_lines)
 {
     if (!board.exists("/vendor/etc/product.ini"))
@@ -114,8 +272,10 @@ VEXA_SIM_ATTACHER(serial_lines)
     if (!dict)
         return;
     auto lines = std::make_shared<Lines>();
+    lines->root = board.root();
+    const std::set<std::string> ours = linked_before(board);
     const char *mcu_path = iniparser_getstring(dict.get(), "mcu:mcu_uart_path", nullptr);
-    if (usable(mcu_path)) {
+    if (usable(mcu_path) && !host_node(board.host_path(mcu_path), ours, mcu_path)) {
         lines->mcu = std::make_shared<McuModel>(mcu_path, board.root() + "/.board/mcu-flash.bin");
         lines->by_path[mcu_path] = lines->mcu;
         lines->mcu->set_watchdog_line(iniparser_getint(dict.get(), "mcu_wdt:mcu_wdt_switch", -1));
@@ -123,40 +283,62 @@ VEXA_SIM_ATTACHER(serial_lines)
             lines->mcu->set_version(version);
         const int type = iniparser_getint(dict.get(), "mcu:mcu_type", 1);
         lines->mcu->set_type(type >= 1 && type <= 4 ? type : 1);
-        apply_model_settings(board, *lines->mcu);
-        std::weak_ptr<McuModel> weak = lines->mcu;
-        board.watch_lines([weak](int id, int level, uint64_t now_ns) {
-            if (auto mcu = weak.lock())
-                mcu->observe_line(id, level, now_ns);
-        });
+        if (board.exists("/.board/mcu-model"))
+            apply_model_settings(board.read_file("/.board/mcu-model"), *lines->mcu);
     }
+    std::vector<std::shared_ptr<SerialLine>> plain;
     for (const char *key : kSerialKeys) {
         const char *path = iniparser_getstring(dict.get(), key, nullptr);
-        if (usable(path) && !lines->by_path.count(path))
-            lines->by_path[path] = std::make_shared<SerialLine>(path);
+        if (!usable(path) || lines->by_path.count(path) || host_node(board.host_path(path), ours, path))
+            continue;
+        auto line = std::make_shared<SerialLine>(path, true);
+        lines->by_path[path] = line;
+        plain.push_back(line);
     }
-    for (auto &[path, line] : lines->by_path)
-        board.add_model(path, line);
+    for (auto &[path, line] : lines->by_path) {
+        link_line(board.host_path(path), *line);
+        lines->record += path + ' ' + line->pty_path() + ' ' + line->outside_path() + ' ' +
+                         (line == lines->mcu ? "mcu-model" : "far-end") + '\n';
+    }
+    board.write_file("/.board/lines", lines->record);
+    lines->bridge = std::make_unique<Bridge>(std::move(plain));
     {
         std::lock_guard<std::mutex> lock(g_mu);
         g_lines[board.root()] = lines;
     }
+    // The services and watchers below keep the lines alive while the board
+    // holds them.
+    board.serve("serial.lines", [lines](const std::string &) { return lines->record; });
+    if (!lines->mcu)
+        return;
+    std::weak_ptr<McuModel> weak = lines->mcu;
+    board.watch_lines([weak](int id, int level, uint64_t now_ns) {
+        if (auto mcu = weak.lock())
+            mcu->observe_line(id, level, now_ns);
+    });
+    board.serve("mcu.watchdog", [weak](const std::string &request) {
+        auto mcu = weak.lock();
+        if (!mcu)
+            return std::string();
+        const auto seen = mcu->watchdog(std::strtoull(request.c_str(), nullptr, 10));
+        return std::to_string(seen.edges) + ' ' + (seen.fed ? "1" : "0") + ' ' + (seen.closed ? "1" : "0");
+    });
     // The MCU's reset lines are files that any writer drives (the library's
-    // shell echo, a person's shell, another process); the watchers keep the
-    // lines alive as long as the board holds them.
-    if (lines->mcu) {
-        auto follow = [lines](bool boot0) {
-            return [lines, boot0](const std::string &, const std::string &contents) {
-                if (contents != "0\n" && contents != "1\n" && contents != "0" && contents != "1")
-                    return;
-                const int level = contents[0] == '1';
-                if (boot0)
-                    lines->mcu->set_boot0(level);
-                else
-                    lines->mcu->set_nrst(level);
-            };
+    // shell echo, a person's shell, another process).
+    auto follow = [lines](bool boot0) {
+        return [lines, boot0](const std::string &, const std::string &contents) {
+            if (contents != "0\n" && contents != "1\n" && contents != "0" && contents != "1")
+                return;
+            const int level = contents[0] == '1';
+            if (boot0)
+                lines->mcu->set_boot0(level);
+            else
+                lines->mcu->set_nrst(level);
         };
-        board.watch_file("/sys/class/vexagpios/MCU_BOOT0/value", follow(true));
-        board.watch_file("/sys/class/vexagpios/MCU_NRST/value", follow(false));
-    }
+    };
+    board.watch_file("/sys/class/vexagpios/MCU_BOOT0/value", follow(true));
+    board.watch_file("/sys/class/vexagpios/MCU_NRST/value", follow(false));
+    board.watch_file("/.board/mcu-model", [lines](const std::string &, const std::string &contents) {
+        apply_model_settings(contents, *lines->mcu);
+    });
 }

@@ -21,7 +21,7 @@ constexpr size_t kMaxFrames = 1000;
 constexpr size_t kMaxAppFrame = 4200;
 constexpr size_t kVersionScan = 64 * 1024;
 constexpr uint64_t kFedWindowNs = 3000000000ull;
-constexpr uint64_t kCloseWindowNs = 100000000ull;
+constexpr uint64_t kCloseWindowNs = 250000000ull;
 
 uint16_t le16(const uint8_t *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 
@@ -733,12 +733,15 @@ void McuModel::observe_line(int gpio_id, int level, uint64_t now_ns)
     wdt_changes_.emplace_back(now_ns, level);
     if (wdt_changes_.size() > 16)
         wdt_changes_.erase(wdt_changes_.begin());
-    // The closing signal: five rising edges within 100 ms, ending high.
+    // The closing signal: five short pulses (no level held longer than the
+    // close window), ending high. Feeding holds each level half a second.
     int rises = 0;
+    uint64_t later = now_ns;
     for (auto it = wdt_changes_.rbegin(); it != wdt_changes_.rend(); ++it) {
-        if (now_ns - it->first > kCloseWindowNs)
+        if (later - it->first > kCloseWindowNs)
             break;
         rises += it->second;
+        later = it->first;
     }
     if (level == 1 && rises >= 5)
         wdt_.closed = true;

@@ -18,8 +18,8 @@
 // application's version after the next start.
 //
 // Watchdog: the model watches the MCU watchdog line and tells whether it is
-// being fed and whether the closing signal (five short pulses ending high)
-// came.
+// being fed and whether the closing signal (five short pulses ending high,
+// no level held longer than 250 ms) came.
 //
 // Settings kept with the board ("/.board/mcu-model": lines "version=TEXT",
 // "links=MASK", "type=N") apply to the model of every process that attaches

@@ -16,6 +16,8 @@ public:
     Pty &operator=(const Pty &) = delete;
 
     int master() const { return master_; }
+    // The board's own descriptor of the slave, held open for the pair's life.
+    int keeper() const { return keeper_; }
     // The slave's path, "/dev/pts/N".
     const std::string &slave_path() const { return slave_path_; }
     // Puts the line back to raw 8N1. A pty cannot keep parity, and the kernel

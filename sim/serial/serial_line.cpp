@@ -10,7 +10,24 @@
 
 namespace vexa::sim {
 
-SerialLine::SerialLine(std::string board_path) : board_path_(std::move(board_path)) {}
+namespace {
+
+// Reads what a blocking descriptor holds now, without waiting.
+ssize_t read_now(int fd, void *buf, size_t count)
+{
+    struct pollfd pfd = {fd, POLLIN, 0};
+    if (::poll(&pfd, 1, 0) <= 0 || !(pfd.revents & POLLIN))
+        return 0;
+    return ::read(fd, buf, count);
+}
+
+} // namespace
+
+SerialLine::SerialLine(std::string board_path, bool far_end) : board_path_(std::move(board_path))
+{
+    if (far_end)
+        far_ = std::make_unique<Pty>();
+}
 
 SerialLine::~SerialLine() = default;
 
@@ -32,11 +49,14 @@ int SerialLine::ioctl(int fd, unsigned long request, void *arg)
 
 std::string SerialLine::take_output(size_t want, int wait_ms)
 {
+    // A plain line's bytes come out at its far end (a raw, non-blocking
+    // read of the far end's slave); the MCU line's at its master.
+    const int fd = far_ ? far_->keeper() : pty_.master();
     std::string out;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
     for (;;) {
         char buf[4096];
-        const ssize_t n = ::read(pty_.master(), buf, sizeof(buf));
+        const ssize_t n = far_ ? read_now(fd, buf, sizeof buf) : ::read(fd, buf, sizeof(buf));
         if (n > 0) {
             out.append(buf, static_cast<size_t>(n));
             continue;
@@ -47,7 +67,7 @@ std::string SerialLine::take_output(size_t want, int wait_ms)
             deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0)
             break;
-        struct pollfd pfd = {pty_.master(), POLLIN, 0};
+        struct pollfd pfd = {fd, POLLIN, 0};
         ::poll(&pfd, 1, static_cast<int>(left.count()));
     }
     return out;
@@ -55,15 +75,16 @@ std::string SerialLine::take_output(size_t want, int wait_ms)
 
 void SerialLine::inject(const std::string &bytes)
 {
+    const int fd = far_ ? far_->keeper() : pty_.master();
     size_t done = 0;
     while (done < bytes.size()) {
-        const ssize_t n = ::write(pty_.master(), bytes.data() + done, bytes.size() - done);
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
         if (n > 0) {
             done += static_cast<size_t>(n);
         } else if (n < 0 && errno != EAGAIN && errno != EINTR) {
             return;
         } else {
-            struct pollfd pfd = {pty_.master(), POLLOUT, 0};
+            struct pollfd pfd = {fd, POLLOUT, 0};
             ::poll(&pfd, 1, 100);
         }
     }

@@ -262,7 +262,9 @@ VEXA_SIM_SEEDER(usb)
                      "# node=missing (the device cannot be opened).\n");
 }
 
-VEXA_SIM_ATTACHER(usb)
+// In every process that attaches the board: libusb reaches a testbed only
+// through the preload library of its own process.
+VEXA_SIM_PROCESS_ATTACHER(usb)
 {
     // Without umockdev's preload library libusb cannot reach a testbed: the
     // process sees no board USB, and nothing of it is set up.

@@ -35,7 +35,9 @@ check "led sys on fails without led_sys" 1 "$status"
 check "the failure is explained" "vexactl: led sys on failed (-1); see 'vexactl log'" "$(cat "$dir/err")"
 check "the library's error line is in the log" \
     "E/vexa_system_bi_led: bi_sysled_set_state:bi_product is NULL or invaild led_sys.gpio_id is -1, need to check ini file." \
-    "$(run log | grep '^E/')"
+    "$(run log --priority E | sed 's/^[^/]* \([DIWE]\/\)/\1/')"
+check "log records show time, process and thread as logcat does" 1 \
+    "$(run log --tag vexa_system_bi_led | grep -cE '^[0-9]{2}-[0-9]{2} [0-9:]{8}\.[0-9]{3} +[0-9]+ +[0-9]+ E/vexa_system_bi_led: ')"
 
 # A folder of other files is never taken for a board.
 mkdir "$dir/other" && touch "$dir/other/file"

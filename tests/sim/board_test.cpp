@@ -2,9 +2,14 @@
 // makes and the board's API.
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <optional>
 
 #include "platform/android.h"
 #include "platform/hal.h"
@@ -158,6 +163,9 @@ TEST_F(SimTest, CommandsAreJournaledAndHandled)
                 ElementsAre("/system/bin/badblocks -v /dev/x", "badblocks /dev/y", "unknown --flag"));
 }
 
+// A request whose number tells its argument's size, as the kernel's do.
+constexpr unsigned long kProbe = _IOWR('v', 0x34, int);
+
 class CountingModel : public sim::DeviceModel {
 public:
     int ioctls = 0;
@@ -178,12 +186,86 @@ TEST_F(SimTest, ModelsServeTheirNodes)
     const int fd = os::open("/dev/thing", O_RDWR);
     ASSERT_GE(fd, 0);
     int out = 0;
-    EXPECT_EQ(os::ioctl(fd, 0x1234, &out), 0);
-    EXPECT_EQ(out, 0x1234);
+    EXPECT_EQ(os::ioctl(fd, kProbe, &out), 0);
+    EXPECT_EQ(out, static_cast<int>(kProbe));
     char buf[4];
     EXPECT_EQ(os::read(fd, buf, 4), 4); // the default passes through
     os::close(fd);
     EXPECT_EQ(model->ioctls, 1);
+}
+
+// A child process is a client of the board's host (this test): it reaches
+// the host's models each way a model can be reached.
+TEST_F(SimTest, AnotherProcessReachesTheHostsModels)
+{
+    auto model = std::make_shared<CountingModel>();
+    board().write_file("/dev/thing", "data");
+    board().add_model("/dev/thing", model);
+    board().serve("echo-model", [](const std::string &request) { return "re:" + request; });
+    board().on_command("probe", [](const std::vector<std::string> &argv, const std::string &) {
+        return sim::CommandResult{3 << 8, "probed " + argv.back()};
+    });
+    std::mutex mu;
+    std::vector<std::string> written;
+    std::vector<int> levels;
+    board().watch_file("/sys/x/value", [&](const std::string &, const std::string &contents) {
+        std::lock_guard<std::mutex> lock(mu);
+        written.push_back(contents);
+        std::ofstream(board().host_path("/sys/x/seen")) << contents;
+    });
+    board().watch_lines([&](int id, int level, uint64_t) {
+        std::lock_guard<std::mutex> lock(mu);
+        if (id == 77)
+            levels.push_back(level);
+    });
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        int failed = 0;
+        if (board().hosting() || board().call("echo-model", "x") != std::optional<std::string>("re:x"))
+            failed |= 1;
+        FILE *pipe = os::popen("probe it", "r");
+        char text[32] = {};
+        if (!pipe || !std::fgets(text, sizeof text, pipe) || std::string(text) != "probed it" ||
+            os::pclose(pipe) != (3 << 8))
+            failed |= 2;
+        const int fd = os::open("/dev/thing", O_RDWR);
+        int out = 0;
+        if (fd < 0 || os::ioctl(fd, kProbe, &out) != 0 || out != static_cast<int>(kProbe))
+            failed |= 4;
+        char buf[4] = {};
+        if (os::read(fd, buf, 4) != 4 || std::memcmp(buf, "data", 4) != 0)
+            failed |= 8;
+        os::close(fd);
+        // The write reaches the host's watcher before the call returns.
+        for (const char *level : {"1", "0", "1"})
+            if (hal_sys_write("/sys/x/value", level, 1) != 1 || board().read_file("/sys/x/seen") != level)
+                failed |= 16;
+        hal_gpio_set_value(77, 1);
+        hal_gpio_set_value(77, 0);
+        _exit(failed);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "bit 1 service, 2 command, 4 ioctl, 8 read, 16 write";
+    EXPECT_EQ(model->ioctls, 1);
+    {
+        std::lock_guard<std::mutex> lock(mu);
+        EXPECT_THAT(written, ElementsAre("1", "0", "1"));
+    }
+    // The host follows the child's drives, both of them, in order.
+    for (int i = 0; i < 2000; ++i) {
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            if (levels.size() >= 2)
+                break;
+        }
+        usleep(1000);
+    }
+    std::lock_guard<std::mutex> lock(mu);
+    EXPECT_THAT(levels, ElementsAre(1, 0));
+    EXPECT_EQ(board().line(77), 0);
 }
 
 TEST_F(SimTest, MountsAreRecorded)

@@ -1,5 +1,10 @@
 // The loaded product record and the board's log: config, log.
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
 #include <cstring>
+#include <ctime>
 
 #include "tools/vexactl/command.h"
 #include "vexasdk/product_config.h"
@@ -107,35 +112,83 @@ VEXACTL_COMMAND(config, {"config", "", "Show the loaded product record",
                          "and UNDEF (paths).",
                          run_config});
 
+volatile std::sig_atomic_t g_log_stop = 0;
+
+// "MM-DD HH:MM:SS.mmm" in local time, as logcat prints it.
+std::string log_time(int64_t time_ns)
+{
+    if (time_ns <= 0)
+        return "--/-- --:--:--.---";
+    const time_t seconds = static_cast<time_t>(time_ns / 1000000000);
+    struct tm tm;
+    localtime_r(&seconds, &tm);
+    char text[32];
+    std::snprintf(text, sizeof text, "%02d-%02d %02d:%02d:%02d.%03d", tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
+                  tm.tm_min, tm.tm_sec, static_cast<int>(time_ns / 1000000 % 1000));
+    return text;
+}
+
 int run_log(Context &ctx, const Args &args)
 {
     if (!args.empty())
         return usage_error(command_named("log"), "takes no arguments");
-    const bool clear = ctx.flag("clear");
     auto &board = ctx.board();
-    if (clear) {
+    if (ctx.flag("clear")) {
         board.clear_log();
         return 0;
     }
-    if (ctx.json) {
-        Table t({"priority", "tag", "text"});
+    int min_priority = 0;
+    if (auto p = ctx.text("priority"))
+        min_priority = 3 + static_cast<int>(one_of(*p, "the priority", {"D", "I", "W", "E"}));
+    const std::vector<std::string> tags = ctx.texts("tag");
+    auto wanted = [&](const vexa::sim::LogRecord &r) {
+        return r.priority >= min_priority &&
+               (tags.empty() || std::find(tags.begin(), tags.end(), r.tag) != tags.end());
+    };
+    if (ctx.json && !ctx.flag("follow")) {
+        Table t({"time", "pid", "tid", "priority", "tag", "text"});
         for (auto &record : board.log()) {
+            if (!wanted(record))
+                continue;
             std::string text = record.text;
             if (!text.empty() && text.back() == '\n')
                 text.pop_back();
-            t.row({record.priority, record.tag, text});
+            t.row({log_time(record.time_ns), record.pid, record.tid, record.priority, record.tag, text});
         }
         t.print(ctx);
         return 0;
     }
-    for (auto &line : board.log_lines())
-        std::fprintf(ctx.out, "%s\n", line.c_str());
+    auto print = [&](const std::vector<vexa::sim::LogRecord> &records) {
+        for (auto &r : records)
+            if (wanted(r))
+                std::fprintf(ctx.out, "%s %5d %5d %s\n", log_time(r.time_ns).c_str(), r.pid, r.tid,
+                             r.line().c_str());
+        std::fflush(ctx.out);
+    };
+    if (!ctx.flag("follow")) {
+        print(board.log());
+        return 0;
+    }
+    // Follows the log until interrupted, as logcat does.
+    std::signal(SIGINT, [](int) { g_log_stop = 1; });
+    std::signal(SIGTERM, [](int) { g_log_stop = 1; });
+    while (!g_log_stop) {
+        print(board.new_log());
+        ::usleep(100000);
+    }
     return 0;
 }
 
-VEXACTL_COMMAND(log, {"log", "[--clear]", "Show the board's log, one record a line as P/TAG: TEXT",
-                      "P is D, I, W or E (debug, info, warning, error).", run_log,
-                      {flag("clear", "empty the log")}});
+VEXACTL_COMMAND(log, {"log", "[-f] [--tag TAG]... [--priority D|I|W|E] | --clear",
+                      "Show the board's log as logcat does: time, process, thread, P/TAG: TEXT",
+                      "Each record: MM-DD HH:MM:SS.mmm PID TID P/TAG: TEXT, P being D, I, W or E\n"
+                      "(debug, info, warning, error). The board keeps the newest records when its\n"
+                      "log passes 1 MiB.",
+                      run_log,
+                      {flag("clear", "empty the log").letter('c'),
+                       flag("follow", "print records as they come, until interrupted").letter('f'),
+                       text("tag", "TAG", "only records of this tag (repeatable)").letter('t'),
+                       text("priority", "P", "only records of priority P (D, I, W, E) and above").letter('p')}});
 
 } // namespace
 } // namespace vexactl

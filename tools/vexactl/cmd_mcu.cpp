@@ -181,8 +181,8 @@ int run_watchdog(Context &ctx, const Args &args)
     }
     if (result < 0)
         return fail("watchdog %s on line %d failed (%d); see 'vexactl log'", action.c_str(), line, result);
-    auto model = vexa::sim::mcu_model(ctx.board());
-    const auto seen = model ? model->watchdog(vexa::os::monotonic_ns()) : vexa::sim::McuModel::Watchdog{};
+    const auto seen = vexa::sim::mcu_watchdog(ctx.board(), vexa::os::monotonic_ns())
+                          .value_or(vexa::sim::McuWatchdogView{});
     Table table({"line", "level", "pulses_seen", "fed", "closed"});
     table.row({line, ctx.board().line(line), seen.edges, Cell::truth(seen.fed), Cell::truth(seen.closed)});
     table.print(ctx);
