@@ -705,10 +705,10 @@ void notify_line_watchers(Board::State &s, const GpioRecord &record)
         watch(record.id, record.level != 0 ? 1 : 0, record.time_ns);
 }
 
-void drive_line(Board::State &s, int id, int level, const char *direction)
+namespace {
+
+GpioRecord append_drive(Board::State &s, int id, int level, const char *direction)
 {
-    if (id < 0)
-        return;
     GpioRecord record;
     record.id = id;
     record.level = level != 0 ? 1 : 0;
@@ -716,9 +716,30 @@ void drive_line(Board::State &s, int id, int level, const char *direction)
     record.time_ns = real_monotonic_ns() + static_cast<uint64_t>(s.clock_offset_ns.load());
     s.gpio_journal->append(std::to_string(record.id) + ' ' + std::to_string(record.level) + ' ' +
                            record.direction + ' ' + std::to_string(record.time_ns));
+    return record;
+}
+
+} // namespace
+
+void drive_line(Board::State &s, int id, int level, const char *direction)
+{
+    if (id < 0)
+        return;
+    const GpioRecord record = append_drive(s, id, level, direction);
     if (Host *host = host_here(s))
         host->drain_lines(); // the host's watchers see it now, in order
     else if (own_registry(s))
+        notify_line_watchers(s, record);
+}
+
+void drive_line_from_model(Board::State &s, int id, int level, const char *direction)
+{
+    if (id < 0)
+        return;
+    const GpioRecord record = append_drive(s, id, level, direction);
+    // In the host the follow thread takes the record in (the journal's
+    // change wakes it); a reader of the line drains first, so it sees it.
+    if (!host_here(s) && own_registry(s))
         notify_line_watchers(s, record);
 }
 

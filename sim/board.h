@@ -94,6 +94,10 @@ public:
     virtual void close(int fd);
     // Bytes of the argument of `request` (0: the argument is a plain number).
     virtual size_t ioctl_size(unsigned long request) const;
+    // True for a node whose read is a transfer that takes its request from
+    // the buffer it fills (the FPGA's SPI driver): a read from another
+    // process then carries the buffer's contents to the model.
+    virtual bool read_takes_buffer() const { return false; }
 };
 
 // Output and status of a shell command that a handler carried out.

@@ -291,16 +291,19 @@ void Host::watch(const std::string &board_path)
     dir_of_wd_[wd] = fs::path(board_path).parent_path().string();
 }
 
+// Set while this thread delivers events to watchers: a watcher that drives a
+// line or writes a watched file must not take the drain lock again.
+static thread_local bool t_draining = false;
+
 void Host::drain()
 {
     if (::getpid() != pid_)
         return;
-    // A watcher that writes a file or drives a line comes back here: the
-    // loop below takes that in.
-    static thread_local bool draining = false;
-    if (draining)
+    // A watcher that writes a file or drives a line comes back here (or to
+    // drain_lines): the loop below takes that in.
+    if (t_draining)
         return;
-    draining = true;
+    t_draining = true;
     {
         std::lock_guard<std::mutex> lock(drain_mu_);
         for (;;) {
@@ -312,23 +315,22 @@ void Host::drain()
                 break;
         }
     }
-    draining = false;
+    t_draining = false;
 }
 
 void Host::drain_lines()
 {
     if (::getpid() != pid_)
         return;
-    static thread_local bool draining = false;
-    if (draining)
+    if (t_draining)
         return;
-    draining = true;
+    t_draining = true;
     {
         std::lock_guard<std::mutex> lock(drain_mu_);
         while (deliver_gpio()) {
         }
     }
-    draining = false;
+    t_draining = false;
 }
 
 bool Host::deliver_gpio()
@@ -604,16 +606,17 @@ std::string Host::handle(Connection &connection, const std::string &request, int
         const int64_t id = connection.next_handle++;
         connection.handles[id] = {fd, model};
         *fd_out = fd;
-        return out.i64(id).i32(0).bytes();
+        return out.i64(id).i32(0).u8(model->read_takes_buffer()).bytes();
     }
     case wire::kRead:
     case wire::kPread: {
         auto *h = handle_of(in.i64());
         const uint64_t count = std::min<uint64_t>(in.u64(), kMaxTransfer);
         const off_t offset = op == wire::kPread ? static_cast<off_t>(in.i64()) : 0;
+        std::string bytes = in.str(); // what the caller's buffer held, for a transfer
         if (!h)
             return bad_handle();
-        std::string bytes(count, '\0');
+        bytes.resize(count, '\0');
         errno = 0;
         const ssize_t n = op == wire::kRead ? h->model->read(h->fd, &bytes[0], count)
                                             : h->model->pread(h->fd, &bytes[0], count, offset);
@@ -672,19 +675,21 @@ namespace {
 // Carries out the calls on a descriptor of a host's model in the host.
 class ProxyModel : public DeviceModel {
 public:
-    ProxyModel(Board::State &s, int64_t handle, uint64_t generation)
-        : s_(s), handle_(handle), generation_(generation)
+    ProxyModel(Board::State &s, int64_t handle, uint64_t generation, bool read_takes_buffer)
+        : s_(s), handle_(handle), generation_(generation), read_takes_buffer_(read_takes_buffer)
     {
     }
 
     ssize_t read(int, void *buf, size_t count) override
     {
-        return transfer(wire::Writer().u8(wire::kRead).i64(handle_).u64(count).bytes(), buf, count);
+        return transfer(wire::Writer().u8(wire::kRead).i64(handle_).u64(count).str(contents(buf, count)).bytes(),
+                        buf, count);
     }
     ssize_t pread(int, void *buf, size_t count, off_t offset) override
     {
-        return transfer(wire::Writer().u8(wire::kPread).i64(handle_).u64(count).i64(offset).bytes(), buf,
-                        count);
+        return transfer(wire::Writer().u8(wire::kPread).i64(handle_).u64(count).i64(offset)
+                            .str(contents(buf, count)).bytes(),
+                        buf, count);
     }
     ssize_t write(int, const void *buf, size_t count) override
     {
@@ -735,6 +740,13 @@ public:
     }
 
 private:
+    // The caller's buffer, for a model whose read is a transfer.
+    std::string contents(const void *buf, size_t count) const
+    {
+        if (!read_takes_buffer_ || buf == nullptr)
+            return "";
+        return std::string(static_cast<const char *>(buf), std::min<size_t>(count, kMaxTransfer));
+    }
     bool ask(const std::string &message, std::string *reply)
     {
         HostLink *link = link_here(s_);
@@ -774,6 +786,7 @@ private:
     Board::State &s_;
     int64_t handle_;
     uint64_t generation_;
+    bool read_takes_buffer_;
 };
 
 // Starts a detached host for root and waits until it listens.
@@ -966,7 +979,8 @@ int HostLink::open(const std::string &board_path, int flags, mode_t mode,
         errno = handle < 0 ? error : EPROTO;
         return -1;
     }
-    *proxy = std::make_shared<ProxyModel>(s_, handle, generation());
+    const bool read_takes_buffer = in.u8() != 0;
+    *proxy = std::make_shared<ProxyModel>(s_, handle, generation(), read_takes_buffer);
     return fd;
 }
 

@@ -130,6 +130,12 @@ std::string unescape_line(const std::string &text);
 // DIRECTION "=" for a level set from outside that keeps the direction.
 int line_level(Board::State &s, int id);
 void drive_line(Board::State &s, int id, int level, const char *direction);
+// A model drives a line (an FPGA's done pin): the record goes into the
+// journal at once, and the host hands it to the line watchers from its own
+// thread. Unlike drive_line it never waits for the host's watchers, so a model
+// may call it while holding its own lock (a watcher on the host's thread may
+// be waiting for that lock).
+void drive_line_from_model(Board::State &s, int id, int level, const char *direction);
 void read_gpio(Board::State &s); // brings s.gpio up to date; gpio_mu held
 struct GpioRecord {
     int id = -1;

@@ -18,10 +18,11 @@ enum Op : uint8_t {
     kCall,        // str name, str request -> u8 ok, str reply | i32 errno
     kCommand,     // str command -> i32 status, str output
     kMount,       // str source, str target, u8 attaching -> i32 result, i32 errno
-    kOpen,        // str path, i32 flags, u32 mode -> i64 handle, i32 errno (+ descriptor)
-    kRead,        // i64 handle, u64 count -> i64 result, i32 errno, str bytes
+    kOpen,        // str path, i32 flags, u32 mode
+                  // -> i64 handle, i32 errno, u8 read takes the buffer (+ descriptor)
+    kRead,        // i64 handle, u64 count, str buffer (read_takes_buffer) -> i64 result, i32 errno, str bytes
     kWrite,       // i64 handle, str bytes -> i64 result, i32 errno
-    kPread,       // i64 handle, u64 count, i64 offset -> as kRead
+    kPread,       // i64 handle, u64 count, i64 offset, str buffer -> as kRead
     kPwrite,      // i64 handle, str bytes, i64 offset -> as kWrite
     kIoctl,       // i64 handle, u64 request, u64 value, u8 has_arg, str arg
                   // -> i64 result, i32 errno, str arg | (result -2: u64 size it needs)

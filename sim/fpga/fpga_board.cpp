@@ -48,6 +48,7 @@ public:
     }
     ssize_t pread(int fd, void *buf, size_t count, off_t) override { return read(fd, buf, count); }
     ssize_t pwrite(int fd, const void *buf, size_t count, off_t) override { return write(fd, buf, count); }
+    bool read_takes_buffer() const override { return true; }
 
 private:
     static ssize_t done(int result, size_t count)

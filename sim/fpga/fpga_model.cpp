@@ -353,7 +353,7 @@ void FpgaModel::sync_done()
         return;
     done_level_ = target;
     if (auto s = state_.lock())
-        drive_line(*s, pins_.done, target, "in");
+        drive_line_from_model(*s, pins_.done, target, "in");
 }
 
 void FpgaModel::clear_fpga_state()
@@ -428,7 +428,7 @@ void FpgaModel::observe_line(int id, int level)
         // hold.
         if (done_level_ >= 0 && level != done_level_)
             if (auto s = state_.lock())
-                drive_line(*s, pins_.done, done_level_, "in");
+                drive_line_from_model(*s, pins_.done, done_level_, "in");
         return;
     }
     int *pin = id == pins_.control ? &control_level_ : id == pins_.config ? &config_level_ : nullptr;

@@ -177,6 +177,20 @@ public:
     }
 };
 
+// A node whose read is a transfer: it answers the request the caller put in
+// the buffer, as an SPI driver does.
+class TransferModel : public sim::DeviceModel {
+public:
+    ssize_t read(int, void *buf, size_t count) override
+    {
+        auto *bytes = static_cast<unsigned char *>(buf);
+        for (size_t i = 1; i < count; ++i)
+            bytes[i] = static_cast<unsigned char>(bytes[0] + i);
+        return static_cast<ssize_t>(count);
+    }
+    bool read_takes_buffer() const override { return true; }
+};
+
 TEST_F(SimTest, ModelsServeTheirNodes)
 {
     auto model = std::make_shared<CountingModel>();
@@ -201,6 +215,8 @@ TEST_F(SimTest, AnotherProcessReachesTheHostsModels)
     auto model = std::make_shared<CountingModel>();
     board().write_file("/dev/thing", "data");
     board().add_model("/dev/thing", model);
+    board().write_file("/dev/spi", "");
+    board().add_model("/dev/spi", std::make_shared<TransferModel>());
     board().serve("echo-model", [](const std::string &request) { return "re:" + request; });
     board().on_command("probe", [](const std::vector<std::string> &argv, const std::string &) {
         return sim::CommandResult{3 << 8, "probed " + argv.back()};
@@ -237,6 +253,11 @@ TEST_F(SimTest, AnotherProcessReachesTheHostsModels)
         if (os::read(fd, buf, 4) != 4 || std::memcmp(buf, "data", 4) != 0)
             failed |= 8;
         os::close(fd);
+        const int spi = os::open("/dev/spi", O_RDWR);
+        unsigned char transfer[3] = {0x0b, 0, 0};
+        if (spi < 0 || os::read(spi, transfer, 3) != 3 || transfer[1] != 0x0c || transfer[2] != 0x0d)
+            failed |= 32;
+        os::close(spi);
         // The write reaches the host's watcher before the call returns.
         for (const char *level : {"1", "0", "1"})
             if (hal_sys_write("/sys/x/value", level, 1) != 1 || board().read_file("/sys/x/seen") != level)
@@ -248,7 +269,7 @@ TEST_F(SimTest, AnotherProcessReachesTheHostsModels)
     int status = 0;
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0) << "bit 1 service, 2 command, 4 ioctl, 8 read, 16 write";
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "bit 1 service, 2 command, 4 ioctl, 8 read, 16 write, 32 transfer";
     EXPECT_EQ(model->ioctls, 1);
     {
         std::lock_guard<std::mutex> lock(mu);
