@@ -18,7 +18,7 @@ TEST_F(LoaderTest, FillsTheRecordFromTheDefaultBoard)
     bi_init_product_config();
     ASSERT_NE(bi_product, nullptr);
     const bi_product_config_t &p = *bi_product;
-    EXPECT_EQ(p.mod_id, 4097);
+    EXPECT_EQ(p.mod_id, 38432);
     EXPECT_STREQ(p.product_name, "QR5PLUS");
     EXPECT_EQ(p.led_sys.type, 1);
     EXPECT_EQ(p.led_sys.gpio_id, 34);
@@ -37,8 +37,8 @@ TEST_F(LoaderTest, FillsTheRecordFromTheDefaultBoard)
     EXPECT_EQ(p.watchdog.wdt_timeout, 10u);
 
     EXPECT_THAT(log_of("vexa_system_bi_common"),
-                ElementsAre("I/vexa_system_bi_common: bi_init_product_config: modid: 4097",
-                            "I/vexa_system_bi_common: bi_init_product_config: mod_id = 4097, product_name = QR5PLUS",
+                ElementsAre("I/vexa_system_bi_common: bi_init_product_config: modid: 38432",
+                            "I/vexa_system_bi_common: bi_init_product_config: mod_id = 38432, product_name = QR5PLUS",
                             "I/vexa_system_bi_common: usb_select_0:92 usb_select_1:93",
                             "I/vexa_system_bi_common: led_sys_gpio_id:34 led_sys.type:1",
                             "I/vexa_system_bi_common: led_network.gpio_id:35 led_network.type:1",
@@ -90,7 +90,7 @@ TEST_F(LoaderTest, UnreadableIniLeavesPathsEmptyAndSaysSo)
     const std::string err = ::testing::internal::GetCapturedStderr();
     ASSERT_NE(bi_product, nullptr);
     EXPECT_EQ(err.rfind("cannot parse file: /vendor/etc/product.ini\nini empty \nini empty \n", 0), 0u) << err;
-    EXPECT_EQ(bi_product->mod_id, 4097);
+    EXPECT_EQ(bi_product->mod_id, 38432);
     EXPECT_STREQ(bi_product->product_name, "");
     EXPECT_STREQ(bi_product->serial_ttl_1.path, "");
     EXPECT_EQ(bi_product->led_cloud.gpio_id, -1);
