@@ -147,8 +147,14 @@ int run_links(Context &ctx)
     Table table({"port", "link"});
     for (int port = 0; port < 40; ++port)
         table.row({port, (mask >> port) & 1u ? "up" : "down"});
-    if (!ctx.json)
-        std::fprintf(ctx.out, "mask: 0x%010llx\n", static_cast<unsigned long long>(mask));
+    if (ctx.json) {
+        cJSON *o = cJSON_CreateObject();
+        cJSON_AddNumberToObject(o, "mask", static_cast<double>(mask)); // 40 bits: exact in a double
+        cJSON_AddItemToObject(o, "ports", table.json());
+        print_json(ctx, o);
+        return 0;
+    }
+    std::fprintf(ctx.out, "mask: 0x%010llx\n", static_cast<unsigned long long>(mask));
     table.print(ctx);
     return 0;
 }
