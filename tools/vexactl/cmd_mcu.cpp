@@ -64,28 +64,37 @@ int run_version(Context &ctx)
     return 0;
 }
 
+// The configured flow. mcuFwUpdate gives 0 after a flash attempt whether
+// it took or not, and -1 both when nothing was needed and when the line did
+// not reopen: the MCU's version afterwards tells which.
 int run_update(Context &ctx)
 {
     int fd;
     if (int rc = open_mcu(&fd))
         return rc;
     const int result = mcuFwUpdate(&fd);
-    const std::string now = fd >= 0 ? ask_version(fd) : "";
-    if (fd >= 0)
-        vexa::os::close(fd);
-    const bool updated = result == 0;
+    if (fd < 0)
+        return fail("the MCU line did not reopen after the update; see 'vexactl log'");
+    const std::string now = ask_version(fd);
+    vexa::os::close(fd);
+    const std::string configured = config_info->mcu_fw_version;
+    const bool attempted = result == 0;
+    const bool current = !now.empty() && now == configured;
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
-        cJSON_AddBoolToObject(o, "flashed", updated);
+        cJSON_AddBoolToObject(o, "flashed", attempted);
         cJSON_AddStringToObject(o, "version", now.c_str());
-        cJSON_AddStringToObject(o, "configured", config_info->mcu_fw_version);
+        cJSON_AddStringToObject(o, "configured", configured.c_str());
+        cJSON_AddBoolToObject(o, "current", current);
         print_json(ctx, o);
-    } else if (updated) {
-        std::fprintf(ctx.out, "update attempted; the MCU reports %s (configured %s)\n",
-                     now.empty() ? "nothing" : now.c_str(), config_info->mcu_fw_version);
-    } else {
-        std::fprintf(ctx.out, "no update: the MCU reports %s, the configured version\n", now.c_str());
+    } else if (current) {
+        std::fprintf(ctx.out, "%s: the MCU reports %s, the configured version\n",
+                     attempted ? "updated" : "no update", now.c_str());
     }
+    if (!current)
+        return fail("%s: the MCU reports %s, not the configured %s; see 'vexactl log'",
+                    attempted ? "the update did not take" : "no update was made",
+                    now.empty() ? "no version" : now.c_str(), configured.c_str());
     return 0;
 }
 
