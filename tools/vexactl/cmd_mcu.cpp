@@ -64,40 +64,6 @@ int run_version(Context &ctx)
     return 0;
 }
 
-// The configured flow. mcuFwUpdate gives 0 after a flash attempt whether
-// it took or not, and -1 both when nothing was needed and when the line did
-// not reopen: the MCU's version afterwards tells which.
-int run_update(Context &ctx)
-{
-    int fd;
-    if (int rc = open_mcu(&fd))
-        return rc;
-    const int result = mcuFwUpdate(&fd);
-    if (fd < 0)
-        return fail("the MCU line did not reopen after the update; see 'vexactl log'");
-    const std::string now = ask_version(fd);
-    vexa::os::close(fd);
-    const std::string configured = config_info->mcu_fw_version;
-    const bool attempted = result == 0;
-    const bool current = !now.empty() && now == configured;
-    if (ctx.json) {
-        cJSON *o = cJSON_CreateObject();
-        cJSON_AddBoolToObject(o, "flashed", attempted);
-        cJSON_AddStringToObject(o, "version", now.c_str());
-        cJSON_AddStringToObject(o, "configured", configured.c_str());
-        cJSON_AddBoolToObject(o, "current", current);
-        print_json(ctx, o);
-    } else if (current) {
-        std::fprintf(ctx.out, "%s: the MCU reports %s, the configured version\n",
-                     attempted ? "updated" : "no update", now.c_str());
-    }
-    if (!current)
-        return fail("%s: the MCU reports %s, not the configured %s; see 'vexactl log'",
-                    attempted ? "the update did not take" : "no update was made",
-                    now.empty() ? "no version" : now.c_str(), configured.c_str());
-    return 0;
-}
-
 // A progress bar on standard error, one line per phase.
 class Bar {
 public:
@@ -124,6 +90,53 @@ public:
 private:
     const char *phase_ = nullptr;
 };
+
+// The configured flow. mcuFwUpdate gives 0 after a flash attempt whether
+// it took or not, and -1 both when nothing was needed and when the line did
+// not reopen: the MCU's version afterwards tells which.
+int run_update(Context &ctx)
+{
+    int fd;
+    if (int rc = open_mcu(&fd))
+        return rc;
+    // On a terminal: what the flow is doing, and the flasher's bar.
+    std::unique_ptr<Bar> bar;
+    if (!ctx.json && isatty(STDERR_FILENO)) {
+        std::fprintf(stderr, "asking the MCU for its version (up to ten tries, 1 s apart)...\n");
+        bar = std::make_unique<Bar>();
+        mcu_isp_set_progress(
+            [](uint32_t done, uint32_t total, void *user) {
+                static_cast<Bar *>(user)->draw("write", (done + 255) / 256, 0, (total + 255) / 256);
+            },
+            bar.get());
+    }
+    const int result = mcuFwUpdate(&fd);
+    mcu_isp_set_progress(nullptr, nullptr);
+    bar.reset();
+    if (fd < 0)
+        return fail("the MCU line did not reopen after the update; see 'vexactl log'");
+    const std::string now = ask_version(fd);
+    vexa::os::close(fd);
+    const std::string configured = config_info->mcu_fw_version;
+    const bool attempted = result == 0;
+    const bool current = !now.empty() && now == configured;
+    if (ctx.json) {
+        cJSON *o = cJSON_CreateObject();
+        cJSON_AddBoolToObject(o, "flashed", attempted);
+        cJSON_AddStringToObject(o, "version", now.c_str());
+        cJSON_AddStringToObject(o, "configured", configured.c_str());
+        cJSON_AddBoolToObject(o, "current", current);
+        print_json(ctx, o);
+    } else if (current) {
+        std::fprintf(ctx.out, "%s: the MCU reports %s, the configured version\n",
+                     attempted ? "updated" : "no update", now.c_str());
+    }
+    if (!current)
+        return fail("%s: the MCU reports %s, not the configured %s; see 'vexactl log'",
+                    attempted ? "the update did not take" : "no update was made",
+                    now.empty() ? "no version" : now.c_str(), configured.c_str());
+    return 0;
+}
 
 std::string hex32(uint32_t value)
 {
