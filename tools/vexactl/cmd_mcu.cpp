@@ -318,7 +318,8 @@ VEXACTL_COMMAND(mcu, {"mcu", "version | update | flash FILE|- [--force] [--no-ve
                       "Talk to the board MCU: firmware version and update, flashing, port links, watchdog",
                       "version  asks the MCU for its firmware version.\n"
                       "update   runs the configured update: compares the version with mcu_fw_version\n"
-                      "         and flashes mcu_fw_path through the ROM bootloader when they differ.\n"
+                      "         and flashes mcu_fw_path through the ROM bootloader when they differ;\n"
+                      "         exits non-zero unless the MCU then reports the configured version.\n"
                       "flash    flashes FILE (a board path, a host file, or '-' for standard input)\n"
                       "         through the ROM bootloader: greets it, detects the MCU, refuses an\n"
                       "         image its page erase cannot cover (unless --force), erases, writes\n"
