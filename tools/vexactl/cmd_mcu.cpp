@@ -151,7 +151,7 @@ int run_flash(Context &ctx, const Args &args)
         return usage_error(*ctx.command, "flash takes one FILE");
     const std::string &path = args[0];
     std::string image;
-    if (path != "-" && ctx.board().exists(path))
+    if (!path.empty() && path[0] == '/' && ctx.board().exists(path))
         image = ctx.board().read_file(path); // a file of the board
     else if (!read_input(path, &image))
         return 1;
