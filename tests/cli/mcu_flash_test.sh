@@ -17,6 +17,11 @@ check "and says it was read back" "flashed $dir/image.bin (4096 bytes) to the MC
 check "the flash holds the image" "$(md5sum <"$dir/image.bin")" "$(head -c 4096 "$flash_file" | md5sum)"
 check "nothing on standard error" "" "$(cat "$dir/err")"
 
+check "an absolute path of the board names the board's file" \
+    "flashed /vendor/etc/mcu/mcu_fw.bin (4096 bytes) to the MCU_GD32F303, read back equal" \
+    "$(run mcu flash /vendor/etc/mcu/mcu_fw.bin 2>/dev/null)"
+check "and flashes it" "$(md5sum <"$board/vendor/etc/mcu/mcu_fw.bin")" "$(head -c 4096 "$flash_file" | md5sum)"
+
 image 2048
 check "'-' reads the image from standard input" \
     "flashed the image from standard input (2048 bytes) to the MCU_GD32F303, read back equal" \
