@@ -2,12 +2,19 @@
 // real UART (115200 baud, 8 data bits, odd parity, 1 stop bit: 11 bits a
 // byte), by the library and, for comparison, by stm32flash.
 //
-//   mcu_flash_bench [KIB]   (default 256)
+//   mcu_flash_bench [KIB [RUNS]]   (default 256 KiB, 1 run)
 //
-// Prints the library's total time, the time of its write phase and the
-// wire-time floor of the bytes exchanged in that phase.
+// Prints the library's whole task, then for each run the library's write
+// phase and stm32flash writing the same image through the same paced model,
+// one after the other so that both see the same load on the host, each with
+// the wire-time floor of the bytes it exchanged. With several runs the best
+// ratio of each is printed last: on a busy host a late wake-up of any thread
+// on the line's path counts as time, and the best run shows the flasher's
+// own cost.
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +29,7 @@ namespace {
 constexpr unsigned kBaud = 115200;
 constexpr unsigned kBitsPerByte = 11;
 constexpr const char *kUart = "/dev/ttyS9";
+constexpr const char *kTool = "/usr/bin/stm32flash";
 
 double seconds_since(std::chrono::steady_clock::time_point start)
 {
@@ -33,11 +41,100 @@ double wire_seconds(uint64_t bytes)
     return static_cast<double>(bytes) * kBitsPerByte / kBaud;
 }
 
+struct Timed {
+    double seconds = 0;
+    double floor = 0;
+    uint64_t bytes = 0;
+    bool matches = false;
+    int result = 0;
+    double ratio() const { return seconds / floor; }
+};
+
+class Bench {
+public:
+    Bench(vexa::sim::Board &board, const std::string &image) : board_(board), image_(image)
+    {
+        mcu_ = vexa::sim::mcu_model(board_);
+    }
+    bool ready() const { return mcu_ != nullptr; }
+    vexa::sim::McuModel &mcu() { return *mcu_; }
+
+    bool flash_matches() const
+    {
+        return mcu_->flash(static_cast<uint32_t>(image_.size())) ==
+               std::vector<uint8_t>(image_.begin(), image_.end());
+    }
+    uint64_t exchanged() const { return mcu_->bytes_in() + mcu_->bytes_out(); }
+
+    // The library's write phase: into the bootloader, erase, then the timed
+    // writememory_2mcu.
+    Timed library_write()
+    {
+        mcu_->fill_flash(0xFF);
+        mcu_serial_init(kUart, 115200, 8, 1, 'O');
+        mcu_isp_init();
+        Timed t;
+        if (ack_startisp() != 0) {
+            t.result = -1;
+            return t;
+        }
+        mcu_type_detect();
+        ack_sendcmd(0x44);
+        erasememory_extend(MCU_ISP_FLASH_BASE, static_cast<uint32_t>(image_.size()));
+        const uint64_t before = exchanged();
+        const auto start = std::chrono::steady_clock::now();
+        t.result = writememory_2mcu(MCU_ISP_FLASH_BASE, reinterpret_cast<const uint8_t *>(image_.data()),
+                                    static_cast<uint32_t>(image_.size()));
+        t.seconds = seconds_since(start);
+        t.bytes = exchanged() - before;
+        t.floor = wire_seconds(t.bytes);
+        mcu_serial_close();
+        mcu_isp_close();
+        t.matches = flash_matches();
+        return t;
+    }
+
+    // stm32flash writing the same image on a blank flash (no erase: both
+    // write the same), 8N1 on the pty (it carries no parity); the model
+    // paces 11 bits a byte all the same.
+    Timed tool_write()
+    {
+        mcu_->fill_flash(0xFF);
+        mcu_isp_init();
+        auto line = vexa::sim::serial_line(board_, kUart);
+        line->reset_line();
+        const std::string command = std::string(kTool) + " -b 115200 -m 8n1 -e 0 -w " +
+                                    board_.host_path("/data/bench/image.bin") + " " + line->pty_path() +
+                                    " > /dev/null 2>&1";
+        const uint64_t before = exchanged();
+        const auto start = std::chrono::steady_clock::now();
+        const int status = std::system(command.c_str());
+        Timed t;
+        t.seconds = seconds_since(start);
+        t.result = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        t.bytes = exchanged() - before;
+        t.floor = wire_seconds(t.bytes);
+        t.matches = flash_matches();
+        mcu_isp_close();
+        return t;
+    }
+
+private:
+    vexa::sim::Board &board_;
+    std::string image_;
+    std::shared_ptr<vexa::sim::McuModel> mcu_;
+};
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     const size_t kib = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 256;
+    const int runs = argc > 2 ? std::max(1, std::atoi(argv[2])) : 1;
+    if (kib == 0 || kib > 503) {
+        std::fprintf(stderr, "mcu_flash_bench: KIB is 1 to 503 (the erase of a larger image is cut short)\n");
+        return 2;
+    }
     std::string image(kib * 1024, '\0');
     for (size_t i = 0; i < image.size(); ++i)
         image[i] = static_cast<char>((i * 2654435761u) >> 24);
@@ -45,77 +142,53 @@ int main(int argc, char **argv)
     // Real time: the board's clock runs as the wall clock does.
     vexa::sim::Board board = vexa::sim::Board::Builder().fast_clock(false).build();
     board.write_file("/data/bench/image.bin", image);
-    auto mcu = vexa::sim::mcu_model(board);
-    if (!mcu || parseConfigInfo() != 0) {
+    Bench bench(board, image);
+    if (!bench.ready() || parseConfigInfo() != 0) {
         std::fprintf(stderr, "mcu_flash_bench: the board has no MCU line\n");
         return 1;
     }
-    // A GD32F470: its erase command for 256 KiB fits the flasher's 8-bit count.
-    mcu->set_type(3);
-    mcu->pace(kBaud, kBitsPerByte);
-    std::printf("image: %zu KiB, line: %u baud, %u bits a byte\n", kib, kBaud, kBitsPerByte);
+    // A GD32F470: its erase command for up to 504 KiB fits the flasher's
+    // 8-bit count.
+    bench.mcu().set_type(3);
+    bench.mcu().pace(kBaud, kBitsPerByte);
+    double load = 0;
+    getloadavg(&load, 1);
+    std::printf("image: %zu KiB, line: %u baud, %u bits a byte; host: %ld CPUs, load %.2f\n", kib, kBaud,
+                kBitsPerByte, sysconf(_SC_NPROCESSORS_ONLN), load);
 
-    // 1. The whole task, as the update flow runs it.
+    // The whole task, as the update flow runs it.
     auto start = std::chrono::steady_clock::now();
-    int rc = mcu_tool_isp_task("/data/bench/image.bin", kUart);
+    const int rc = mcu_tool_isp_task("/data/bench/image.bin", kUart);
     const double total = seconds_since(start);
-    const bool same = mcu->flash(static_cast<uint32_t>(image.size())) ==
-                      std::vector<uint8_t>(image.begin(), image.end());
-    std::printf("library, whole task:  %8.3f s  (result %d, flash %s)\n", total, rc,
-                same ? "matches" : "DIFFERS");
+    std::printf("library, whole task:    %8.3f s  (result %d, flash %s)\n", total, rc,
+                bench.flash_matches() ? "matches" : "DIFFERS");
 
-    // 2. The write phase alone, with the bytes it exchanged.
-    mcu->fill_flash(0xFF);
-    mcu_serial_init(kUart, 115200, 8, 1, 'O');
-    mcu_isp_init();
-    if (ack_startisp() != 0) {
-        std::fprintf(stderr, "mcu_flash_bench: the bootloader did not answer\n");
-        return 1;
+    const bool tool = access(kTool, X_OK) == 0;
+    double best_library = 1e9, best_tool = 1e9;
+    for (int run = 1; run <= runs; ++run) {
+        const Timed lib = bench.library_write();
+        std::printf("library, write phase:   %8.3f s  (result %d, flash %s)\n", lib.seconds, lib.result,
+                    lib.matches ? "matches" : "DIFFERS");
+        std::printf("wire-time floor:        %8.3f s  (%llu bytes exchanged in the write phase)\n", lib.floor,
+                    static_cast<unsigned long long>(lib.bytes));
+        std::printf("write phase / floor:    %8.3f\n", lib.ratio());
+        best_library = std::min(best_library, lib.ratio());
+        if (!tool) {
+            std::printf("stm32flash:             not installed\n");
+            continue;
+        }
+        const Timed t = bench.tool_write();
+        std::printf("stm32flash, write:      %8.3f s  (exit %d, flash %s, floor %.3f s for %llu bytes)\n",
+                    t.seconds, t.result, t.matches ? "matches" : "DIFFERS", t.floor,
+                    static_cast<unsigned long long>(t.bytes));
+        std::printf("stm32flash / floor:     %8.3f\n", t.ratio());
+        best_tool = std::min(best_tool, t.ratio());
     }
-    mcu_type_detect();
-    ack_sendcmd(0x44);
-    erasememory_extend(MCU_ISP_FLASH_BASE, static_cast<uint32_t>(image.size()));
-    const uint64_t in0 = mcu->bytes_in();
-    const uint64_t out0 = mcu->bytes_out();
-    start = std::chrono::steady_clock::now();
-    rc = writememory_2mcu(MCU_ISP_FLASH_BASE, reinterpret_cast<const uint8_t *>(image.data()),
-                          static_cast<uint32_t>(image.size()));
-    const double write_phase = seconds_since(start);
-    const uint64_t exchanged = (mcu->bytes_in() - in0) + (mcu->bytes_out() - out0);
-    mcu_serial_close();
-    mcu_isp_close();
-    const double floor = wire_seconds(exchanged);
-    std::printf("library, write phase: %8.3f s  (result %d)\n", write_phase, rc);
-    std::printf("wire-time floor:      %8.3f s  (%llu bytes exchanged in the write phase)\n", floor,
-                static_cast<unsigned long long>(exchanged));
-    std::printf("write phase / floor:  %8.3f\n", write_phase / floor);
-
-    // 3. stm32flash writing the same image through the same paced model.
-    const char *tool = "/usr/bin/stm32flash";
-    if (access(tool, X_OK) != 0) {
-        std::printf("stm32flash:           not installed\n");
-        return 0;
+    if (runs > 1) {
+        std::printf("best of %d runs:        library %.3f", runs, best_library);
+        if (tool)
+            std::printf(", stm32flash %.3f", best_tool);
+        std::printf(" (time / wire-time floor)\n");
     }
-    const std::string host_image = board.host_path("/data/bench/image.bin");
-    mcu->fill_flash(0xFF);
-    mcu_isp_init();
-    const std::string pty = vexa::sim::serial_line(board, kUart)->pty_path();
-    vexa::sim::serial_line(board, kUart)->reset_line();
-    // 8N1 on the pty (it carries no parity); the model paces 11 bits a byte
-    // all the same. No erase: the flash is blank, so both write the same.
-    const std::string command = std::string(tool) + " -b 115200 -m 8n1 -e 0 -w " + host_image + " " +
-                                pty + " > /dev/null 2>&1";
-    const uint64_t sin0 = mcu->bytes_in();
-    const uint64_t sout0 = mcu->bytes_out();
-    start = std::chrono::steady_clock::now();
-    const int status = std::system(command.c_str());
-    const double tool_time = seconds_since(start);
-    const uint64_t tool_bytes = (mcu->bytes_in() - sin0) + (mcu->bytes_out() - sout0);
-    const bool tool_same = mcu->flash(static_cast<uint32_t>(image.size())) ==
-                           std::vector<uint8_t>(image.begin(), image.end());
-    mcu_isp_close();
-    std::printf("stm32flash, write:    %8.3f s  (exit %d, flash %s, floor %.3f s for %llu bytes)\n",
-                tool_time, WEXITSTATUS(status), tool_same ? "matches" : "DIFFERS",
-                wire_seconds(tool_bytes), static_cast<unsigned long long>(tool_bytes));
     return 0;
 }

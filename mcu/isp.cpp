@@ -250,13 +250,29 @@ VEXA_API int32_t writememory_2mcu(uint32_t address, const uint8_t *data, uint32_
               static_cast<int>(last));
     uint32_t written = 0;
     uint8_t frame[1 + kBlock + 1];
+    // The progress line of a written block is logged once the next block's
+    // command is on its way, while the bootloader answers it: the lines and
+    // the bytes on the line stay in their order, and the turnaround between
+    // two blocks carries no logging.
+    bool progress_due = false;
+    auto report_progress = [&] {
+        if (!progress_due)
+            return;
+        progress_due = false;
+        VEXA_LOGD(kTag, "\r write mcu internal flash: [%d%%]", static_cast<int>(100ull * written / length));
+        if (g_progress)
+            g_progress(written, length, g_progress_user);
+    };
     for (uint32_t i = 0; i < times && data; ++i) {
         const uint32_t size = (i + 1 == times && last) ? last : kBlock;
-        if (!have_descriptor()) {
+        if (vexa::mcu::serial_fd() < 0) {
+            report_progress();
+            have_descriptor(); // logs the missing descriptor
             VEXA_LOGE(kTag, "%s: ack_sendcmd(CMD_WRITE_MEMORY) failed", __func__);
             continue;
         }
         send_bytes({0x31, 0xCE});
+        report_progress();
         if (read_byte(0) != MCU_ISP_ACK) {
             VEXA_LOGE(kTag, "%s: ack_sendcmd(CMD_WRITE_MEMORY) failed", __func__);
             continue;
@@ -265,7 +281,6 @@ VEXA_API int32_t writememory_2mcu(uint32_t address, const uint8_t *data, uint32_
                            static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address), 0};
         addr[4] = addr[0] ^ addr[1] ^ addr[2] ^ addr[3];
         mcu_serial_write(addr, 5);
-        read_byte(0); // not judged
         const uint8_t *block = data + i * kBlock;
         uint8_t checksum = static_cast<uint8_t>(size - 1);
         frame[0] = checksum;
@@ -274,15 +289,14 @@ VEXA_API int32_t writememory_2mcu(uint32_t address, const uint8_t *data, uint32_
             checksum ^= block[k];
         }
         frame[1 + size] = checksum;
+        read_byte(0); // not judged
         mcu_serial_write(frame, size + 2);
         read_byte(0); // not judged
         address += size;
         written += size;
-        VEXA_LOGD(kTag, "\r write mcu internal flash: [%d%%]",
-                  static_cast<int>(100ull * written / length));
-        if (g_progress)
-            g_progress(written, length, g_progress_user);
+        progress_due = true;
     }
+    report_progress();
     const int percent = length ? static_cast<int>(100ull * written / length) : 100;
     VEXA_LOGD(kTag, "%s: final write mcu internal flash: [%d]", __func__, percent);
     if (percent >= 100)

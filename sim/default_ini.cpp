@@ -173,12 +173,15 @@ audio_num = 1
 )INI";
 }
 
-// The default board's product INI files and product information.
+// The default board's product INI files and product information. Module id
+// 38432 has a row in every table the library keys by module id (resolution
+// limits, FPGA firmware update, network detection), so every operation works
+// on the default board.
 VEXA_SIM_SEEDER(product_ini)
 {
     board.write_file("/vendor/etc/product.ini", default_product_ini());
     board.write_file("/vendor/etc/product_pz25.ini", default_product_ini());
-    board.set_module_id("4097");
+    board.set_module_id("38432");
 }
 
 } // namespace vexa::sim

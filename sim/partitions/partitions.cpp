@@ -55,7 +55,7 @@ const char kResolutionJsonText[] = R"JSON({
     "products": [
         {
             "calculate_type": "cvtrb",
-            "modID": 4097,
+            "modID": 38432,
             "min_hdisplay": 480,
             "max_hdisplay": 4096,
             "min_vidsplay": 480,

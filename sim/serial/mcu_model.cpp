@@ -49,6 +49,9 @@ uint8_t xor_of(const uint8_t *p, size_t n)
 
 } // namespace
 
+// The last stretch of a paced wait, spent spinning.
+constexpr std::chrono::microseconds kSpin{300};
+
 McuModel::McuModel(std::string board_path, std::string flash_file)
     : SerialLine(std::move(board_path)), flash_file_(std::move(flash_file))
 {
@@ -94,17 +97,15 @@ void McuModel::run()
 
 void McuModel::on_bytes(const uint8_t *data, size_t n)
 {
-    std::unique_lock<std::mutex> lock(mu_);
+    std::lock_guard<std::mutex> lock(mu_);
     bytes_in_ += n;
     if (pace_baud_) {
-        // The bytes take their wire time to arrive.
+        // The bytes take their wire time to arrive. The model works on them
+        // at once; a reply they cause leaves only once they are all in
+        // (send), so a paced exchange costs one sleep, not two.
         const auto now = std::chrono::steady_clock::now();
         const auto wire = std::chrono::nanoseconds(1000000000ull * pace_bits_ * n / pace_baud_);
         rx_free_ = std::max(now, rx_free_) + wire;
-        const auto until = rx_free_;
-        lock.unlock();
-        std::this_thread::sleep_until(until);
-        lock.lock();
     }
     if (mode_ == Mode::reset)
         return;
@@ -127,8 +128,13 @@ void McuModel::send(const std::vector<uint8_t> &bytes)
         const auto now = std::chrono::steady_clock::now();
         const auto wire =
             std::chrono::nanoseconds(1000000000ull * pace_bits_ * bytes.size() / pace_baud_);
-        tx_free_ = std::max(now, tx_free_) + wire;
-        std::this_thread::sleep_until(tx_free_);
+        tx_free_ = std::max({now, tx_free_, rx_free_}) + wire;
+        // Sleep until shortly before the bytes are due, then spin: a thread
+        // woken by a timer on a busy host comes late by more than the wire
+        // time of a byte, and the lateness would count as wire time.
+        std::this_thread::sleep_until(tx_free_ - kSpin);
+        while (std::chrono::steady_clock::now() < tx_free_) {
+        }
     }
     size_t done = 0;
     while (done < bytes.size() && !stop_) {

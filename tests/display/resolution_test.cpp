@@ -210,7 +210,7 @@ TEST_F(ResolutionTest, SavedResolutionReadsBackInANewProcess)
 TEST_F(ResolutionTest, RequestsOutsideTheProductLimitsGetTheirStatus)
 {
     st_bi_sffe_resolution r{};
-    // The default board's product has no row: the 38467 limits apply.
+    use_product("4097"); // a product without a row: the 38467 limits apply
     EXPECT_EQ(bi_resolution_calculate_parameters(300, 600, 0, &r), -2);
     EXPECT_EQ(r.status, -2);
     EXPECT_EQ(r.refresh, 60u);
@@ -267,6 +267,7 @@ TEST_F(ResolutionTest, CalculatedTimingLogsAndUsesTheAlternativeAtTheLimit)
 TEST_F(ResolutionTest, FpsVariantNeedsABorderRowAndMatchesPresetsByRate)
 {
     st_bi_sffe_resolution r{};
+    use_product("4097");
     EXPECT_EQ(bi_resolution_calculate_parameters_fps(1920, 1080, 60, 0, &r), -1);
     EXPECT_THAT(resolution_log(), ElementsAre("E/vexa_system_bi_resolution: No match modID:4097"));
 

@@ -88,7 +88,7 @@ TEST_F(TimingJsonTest, RunningProductGetsItsCvtTiming)
     EXPECT_EQ(r.status, 1);
     const auto log = resolution_log();
     EXPECT_THAT(log, Contains("E/vexa_system_bi_resolution: fps is invalid, fps:0, redefine to 60"));
-    EXPECT_THAT(log, Contains("I/vexa_system_bi_resolution: bi_timming_calculate_parameters modID = 4097"));
+    EXPECT_THAT(log, Contains("I/vexa_system_bi_resolution: bi_timming_calculate_parameters modID = 38432"));
     EXPECT_THAT(log, Contains("I/vexa_system_bi_resolution:   Maximum Pixel Clock:    594000 MHz"));
     EXPECT_THAT(log, Contains("D/vexa_system_bi_resolution: calculate_cvtrb_timming type: cvtrb"));
     EXPECT_EQ(board().exists("/.board/vendor_storage/45"), false) << "not saved";

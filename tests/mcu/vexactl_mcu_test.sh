@@ -22,18 +22,6 @@ check "mcu update exits 0" 0 $?
 check "mcu update finds nothing to do" \
     "no update: the MCU reports V1.0.2.0, the configured version" "$(cat "$dir/update")"
 
-# The flasher alone, from a file of the host. Two whole pages: the flasher
-# erases whole pages only, rounded down.
-head -c 4096 /dev/urandom >"$dir/image.bin"
-run mcu flash "$dir/image.bin" >"$dir/flash" 2>/dev/null
-check "mcu flash exits 0" 0 $?
-check "mcu flash names the part" "flashed /data/vexactl/mcu_image.bin (MCU_GD32F303)" "$(cat "$dir/flash")"
-check "the flash holds the image" "$(md5sum <"$dir/image.bin")" \
-    "$(head -c 4096 "$board/.board/mcu-flash.bin" | md5sum)"
-run mcu flash /no/such/image 2>"$dir/err" >/dev/null
-check "mcu flash of a missing file fails" 1 $?
-check "and says so" "vexactl: no such image: /no/such/image" "$(cat "$dir/err")"
-
 run mcu watchdog close >"$dir/wdt" 2>/dev/null
 check "watchdog close leaves the line high and closed" "91 1 11 no yes" \
     "$(awk 'NR == 2 {print $1, $2, $3, $4, $5}' "$dir/wdt")"

@@ -13,7 +13,7 @@ TEST_F(InfoTest, ProductInformationIsZeroedThenFilled)
     char info[BI_PRODUCT_INFO_SIZE];
     std::memset(info, 'x', sizeof info);
     ASSERT_EQ(bi_info_get_product_info(info), 0);
-    EXPECT_STREQ(info + 64, "4097");
+    EXPECT_STREQ(info + 64, "38432");
     EXPECT_EQ(info[2047], '\0');
     EXPECT_EQ(bi_info_get_product_info(nullptr), -1);
     EXPECT_EQ(board().log_lines().back(), "D/vexa_system_bi_info: ob_product_info is NULL");

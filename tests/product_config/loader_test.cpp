@@ -148,11 +148,11 @@ TEST_F(LoaderTest, LogsTheSummaryOfTheDefaultBoard)
 {
     bi_init_product_config();
     ASSERT_NE(bi_product, nullptr);
-    EXPECT_EQ(bi_product->mod_id, 4097);
+    EXPECT_EQ(bi_product->mod_id, 38432);
 
     EXPECT_THAT(log_of("vexa_system_bi_common"),
-                ElementsAre("I/vexa_system_bi_common: bi_init_product_config: modid: 4097",
-                            "I/vexa_system_bi_common: bi_init_product_config: mod_id = 4097, product_name = QR5PLUS",
+                ElementsAre("I/vexa_system_bi_common: bi_init_product_config: modid: 38432",
+                            "I/vexa_system_bi_common: bi_init_product_config: mod_id = 38432, product_name = QR5PLUS",
                             "I/vexa_system_bi_common: usb_select_0:92 usb_select_1:93",
                             "I/vexa_system_bi_common: led_sys_gpio_id:34 led_sys.type:1",
                             "I/vexa_system_bi_common: led_network.gpio_id:35 led_network.type:1",

@@ -22,7 +22,7 @@ TEST_F(ConfigInfoTest, DefaultBoardFillsEveryField)
     ASSERT_TRUE(config_info);
     const config_info_t &c = *config_info;
     EXPECT_STREQ(c.product, "QR5PLUS");
-    EXPECT_EQ(c.mod_id, 4097);
+    EXPECT_EQ(c.mod_id, 38432);
     EXPECT_EQ(c.mcu_updating, 0);
     EXPECT_EQ(c.mcu_type, 1);
     EXPECT_STREQ(c.mcu_serial, "gd32f303");
@@ -38,10 +38,10 @@ TEST_F(ConfigInfoTest, DefaultBoardFillsEveryField)
     EXPECT_STREQ(c.fpga_parameter, "/dev/block/by-name/screen");
     EXPECT_STREQ(c.self_test_items, "1-2-3-4-5-6-7-8-9-10-11-12");
     EXPECT_EQ(c.audio_num, 1);
-    EXPECT_EQ(board().property("ro.product.modid"), "4097");
-    EXPECT_TRUE(logged("D/vexa_system_hidl_service: parseConfigInfo, setprop ro.product.modid 4097"));
+    EXPECT_EQ(board().property("ro.product.modid"), "38432");
+    EXPECT_TRUE(logged("D/vexa_system_hidl_service: parseConfigInfo, setprop ro.product.modid 38432"));
     EXPECT_TRUE(logged("D/vexa_system_hidl_service: parseConfigInfo: product ro.product.sn is NULL"));
-    EXPECT_TRUE(logged("D/vexa_system_hidl_service: parseConfigInfo: mod_id: 4097"));
+    EXPECT_TRUE(logged("D/vexa_system_hidl_service: parseConfigInfo: mod_id: 38432"));
 }
 
 TEST_F(ConfigInfoTest, ProductInformationBecomesProperties)

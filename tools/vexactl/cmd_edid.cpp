@@ -45,10 +45,22 @@ int run_model(Context &ctx, const Command &command, const Args &args)
     uint8_t edid[256];
     if (bi_resolution_get_edid_by_model(uint32_t(w), uint32_t(h), rate, edid) != 0)
         return fail("no EDID for %lldx%lld at %g Hz; see 'vexactl log'", w, h, double(rate));
-    if (!file.empty()) {
-        std::ofstream out(file, std::ios::binary | std::ios::trunc);
-        if (!out.write(reinterpret_cast<const char *>(edid), sizeof(edid)))
-            return fail("cannot write %s", file.c_str());
+    if (!file.empty())
+        return write_output(ctx, file, std::string(reinterpret_cast<const char *>(edid), sizeof edid)) ? 0 : 1;
+    if (ctx.json) {
+        std::string hex;
+        char byte[3];
+        for (uint8_t b : edid) {
+            snprintf(byte, sizeof byte, "%02x", b);
+            hex += byte;
+        }
+        cJSON *o = cJSON_CreateObject();
+        cJSON_AddNumberToObject(o, "width", static_cast<double>(w));
+        cJSON_AddNumberToObject(o, "height", static_cast<double>(h));
+        cJSON_AddNumberToObject(o, "refresh", rate);
+        cJSON_AddNumberToObject(o, "size", sizeof edid);
+        cJSON_AddStringToObject(o, "hex", hex.c_str());
+        print_json(ctx, o);
         return 0;
     }
     fputs(hex_dump(edid, sizeof(edid)).c_str(), ctx.out);
@@ -63,12 +75,12 @@ void add_descriptor_row(Table &table, const std::string &where, const uint8_t *d
         char tag[8];
         snprintf(tag, sizeof(tag), "0x%02x", d[3]);
         table.row({where, std::string("display descriptor ") + tag, Cell::none(), Cell::none(), Cell::none(),
-                   Cell::none(), Cell::none(), Cell::none()});
+                   Cell::none(), Cell::none(), Cell::none(), Cell::none()});
         return;
     }
     EdidVideoMode m;
     edid_dtd2modeline2_convert(&t, &m);
-    table.row({where, Cell::truth(valid), t.pixel_clock / 1000,
+    table.row({where, "timing", Cell::truth(valid), t.pixel_clock / 1000,
                std::to_string(t.h_active) + "x" + std::to_string(t.v_active), m.refresh,
                std::to_string(t.h_sync_offset) + "/" + std::to_string(t.h_sync_width) + "/" +
                    std::to_string(m.h_back_porch),
@@ -81,12 +93,13 @@ int run_show(Context &ctx, const Command &command, const Args &args)
 {
     if (args.size() != 2)
         return usage_error(command, "show needs one FILE");
-    std::ifstream in(args[1], std::ios::binary);
-    if (!in)
-        return fail("cannot open %s", args[1].c_str());
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string read;
+    if (!read_input(args[1], &read))
+        return 1;
+    std::vector<uint8_t> bytes(read.begin(), read.end());
     if (bytes.size() < 128)
-        return fail("%s holds %zu bytes; an EDID block has 128", args[1].c_str(), bytes.size());
+        return fail("%s holds %zu bytes; an EDID block has 128",
+                    args[1] == "-" ? "standard input" : args[1].c_str(), bytes.size());
     bytes.resize(256, 0);
 
     ctx.board();
@@ -110,7 +123,7 @@ int run_show(Context &ctx, const Command &command, const Args &args)
     base.row({"established", text});
     base.row({"extensions", info.extensions});
 
-    Table descriptors({"where", "valid", "clock_khz", "size", "refresh", "h_fp/sync/bp",
+    Table descriptors({"where", "kind", "valid", "clock_khz", "size", "refresh", "h_fp/sync/bp",
                        "v_fp/sync/bp", "image_mm"});
     for (int i = 0; i < 4; ++i)
         add_descriptor_row(descriptors, "block 0 #" + std::to_string(i + 1), &bytes[54 + 18 * i]);
@@ -157,13 +170,13 @@ int run_edid(Context &ctx, const Args &args)
     return usage_error(command, "unknown action '" + args[0] + "'");
 }
 
-VEXACTL_COMMAND(edid, {"edid", "model W H RATE [-o FILE] | show FILE",
+VEXACTL_COMMAND(edid, {"edid", "model W H RATE [-o FILE] | show FILE|-",
                        "Build the EDID of a mode, or read an EDID file",
                        "model: the 256-byte EDID bi_resolution_get_edid_by_model gives (the\n"
                        "  board's identity with the mode as its preferred timing), written to\n"
-                       "  FILE or shown as a hex dump.\n"
+                       "  FILE ('-': standard output) or shown as a hex dump (--json: as hex text).\n"
                        "show: the base block, every detailed timing descriptor with the\n"
-                       "  parser's verdict, and the preferred mode.",
+                       "  parser's verdict, and the preferred mode, of FILE ('-': standard input).",
                        run_edid, {text("output", "FILE", "model: write the EDID to FILE ('-': standard output)").letter('o')}});
 
 } // namespace

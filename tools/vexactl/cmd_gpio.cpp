@@ -1,7 +1,7 @@
-// Lamps, relays and lines: status, led, relay, gpio.
+// Lamps, relays, switches and lines: status, led, relay, switch, gpio.
 #include <cstddef>
 #include <cstring>
-#include <functional>
+#include <string>
 
 #include <cjson/cJSON.h>
 
@@ -12,66 +12,137 @@
 namespace vexactl {
 namespace {
 
-struct Line {
-    const char *key;  // INI key
-    const char *kind; // led, relay, switch, input, fan
-    size_t entry;     // offset of the GPIO entry in the record
+using SetFn = int32_t (*)(int32_t);
+using GetFn = int32_t (*)();
+
+// The USB port selector is one call for its two lines: a line alone is
+// changed by reading the selection and writing it back with its bit changed.
+template <unsigned Bit>
+int32_t usb_select_set(int32_t on)
+{
+    const int32_t now = bi_usb_get_switch_enable();
+    if (now < 0)
+        return now;
+    const unsigned mask = 1u << Bit;
+    return bi_usb_set_switch_enable(on ? (static_cast<unsigned>(now) | mask) : (static_cast<unsigned>(now) & ~mask));
+}
+template <unsigned Bit>
+int32_t usb_select_get()
+{
+    const int32_t now = bi_usb_get_switch_enable();
+    return now < 0 ? now : (now >> Bit) & 1;
+}
+
+template <int32_t Relay>
+int32_t relay_set(int32_t on) { return bi_peripheral_relay_enable(Relay, on); }
+template <int32_t Relay>
+int32_t relay_get() { return bi_peripheral_relay_get_status(Relay); }
+
+enum class Kind { led, relay, switch_line, fan, input };
+
+const char *kind_name(Kind kind)
+{
+    switch (kind) {
+    case Kind::led: return "led";
+    case Kind::relay: return "relay";
+    case Kind::switch_line: return "switch";
+    case Kind::fan: return "fan";
+    case Kind::input: return "input";
+    }
+    return "";
+}
+
+// Every line of the product record that a lamp, relay or switch drives, in
+// the order status lists them, with the library calls that drive and read it.
+struct Control {
+    const char *name;  // the INI key, as status prints it
+    const char *alias; // a short name, or null
+    Kind kind;
+    size_t entry;      // offset of the GPIO entry in bi_product
+    SetFn set;         // null: an input, or part of the tri-colour lamp
+    GetFn get;
 };
 
 #define E(member) offsetof(bi_product_config_t, member)
-const Line kLines[] = {
-    {"led_sys", "led", E(led_sys)},
-    {"led_network", "led", E(led_network)},
-    {"led_4gwork", "led", E(led_4gwork)},
-    {"led_position", "led", E(led_position)},
-    {"led_switch", "led", E(led_switch)},
-    {"led_running", "led", E(led_running)},
-    {"led_cloud", "led", E(led_cloud)},
-    {"led_tri_red", "led", E(led_tri_red)},
-    {"led_tri_green", "led", E(led_tri_green)},
-    {"led_tri_blue", "led", E(led_tri_blue)},
-    {"sub_card_led", "led", E(sub_card_led)},
-    {"interior_relay", "relay", E(interior_relay)},
-    {"peripheral_relay_1", "relay", E(peripheral_relay_1)},
-    {"peripheral_relay_2", "relay", E(peripheral_relay_2)},
-    {"peripheral_relay_3", "relay", E(peripheral_relay_3)},
-    {"peripheral_relay_4", "relay", E(peripheral_relay_4)},
-    {"factory_tools", "switch", E(factory_tools)},
-    {"pc_ctrl", "switch", E(pc_ctrl)},
-    {"headphone_power", "switch", E(headphone_power)},
-    {"4g_reset", "switch", E(reset_4g)},
-    {"4g_power", "switch", E(power_4g)},
-    {"ops_usb", "switch", E(ops_usb)},
-    {"ops_switch", "switch", E(ops_switch)},
-    {"ops_on", "switch", E(ops_on)},
-    {"ops_control", "switch", E(ops_control)},
-    {"usb_select_0", "switch", E(usb_select_0)},
-    {"usb_select_1", "switch", E(usb_select_1)},
-    {"simple_fan_1", "fan", E(simple_fan_1)},
-    {"ops_detect", "input", E(ops_detect)},
-    {"lora_check", "input", E(lora_check)},
+const Control kControls[] = {
+    {"led_sys", "sys", Kind::led, E(led_sys), bi_sysled_set_state, bi_sysled_get_state},
+    {"led_network", "network", Kind::led, E(led_network), bi_netled_set_state, bi_netled_get_state},
+    {"led_4gwork", "4g", Kind::led, E(led_4gwork), bi_4gled_set_state, bi_4gled_get_state},
+    {"led_position", "position", Kind::led, E(led_position), bi_position_led_set_state, bi_position_led_get_state},
+    {"led_switch", "switch", Kind::led, E(led_switch), bi_switchled_set_state, bi_switchled_get_state},
+    {"led_running", "running", Kind::led, E(led_running), bi_runningled_set_state, bi_runningled_get_state},
+    {"led_cloud", "cloud", Kind::led, E(led_cloud), bi_cloudled_set_state, bi_cloudled_get_state},
+    {"led_tri_red", nullptr, Kind::led, E(led_tri_red), nullptr, nullptr},
+    {"led_tri_green", nullptr, Kind::led, E(led_tri_green), nullptr, nullptr},
+    {"led_tri_blue", nullptr, Kind::led, E(led_tri_blue), nullptr, nullptr},
+    {"sub_card_led", "sub-card", Kind::led, E(sub_card_led), bi_usb_sub_card_led_enable, bi_usb_sub_card_led_get_status},
+    {"interior_relay", "interior", Kind::relay, E(interior_relay), bi_relay_set_state, bi_relay_get_state},
+    {"peripheral_relay_1", "1", Kind::relay, E(peripheral_relay_1), relay_set<1>, relay_get<1>},
+    {"peripheral_relay_2", "2", Kind::relay, E(peripheral_relay_2), relay_set<2>, relay_get<2>},
+    {"peripheral_relay_3", "3", Kind::relay, E(peripheral_relay_3), relay_set<3>, relay_get<3>},
+    {"peripheral_relay_4", "4", Kind::relay, E(peripheral_relay_4), relay_set<4>, relay_get<4>},
+    {"factory_tools", nullptr, Kind::switch_line, E(factory_tools), bi_factory_tools_enable, bi_factory_tools_get_status},
+    {"pc_ctrl", nullptr, Kind::switch_line, E(pc_ctrl), bi_pc_ctrl_enable, bi_pc_ctrl_get_status},
+    {"headphone_power", nullptr, Kind::switch_line, E(headphone_power), bi_headphone_power_set_state,
+     bi_headphone_power_get_state},
+    {"4g_reset", nullptr, Kind::switch_line, E(reset_4g), bi_4g_module_set_state, bi_4g_module_get_state},
+    {"4g_power", nullptr, Kind::switch_line, E(power_4g), bi_4g_power_set_state, bi_4g_power_get_state},
+    {"ops_usb", nullptr, Kind::switch_line, E(ops_usb), bi_ops_set_usb_port, bi_ops_get_usb_port},
+    {"ops_switch", nullptr, Kind::switch_line, E(ops_switch), bi_ops_switch_control, bi_ops_get_switch_state},
+    {"ops_on", nullptr, Kind::switch_line, E(ops_on), bi_ops_on_set_state, bi_ops_on_get_state},
+    {"ops_control", nullptr, Kind::switch_line, E(ops_control), bi_ops_control_set_state, bi_ops_control_get_state},
+    {"usb_select_0", nullptr, Kind::switch_line, E(usb_select_0), usb_select_set<0>, usb_select_get<0>},
+    {"usb_select_1", nullptr, Kind::switch_line, E(usb_select_1), usb_select_set<1>, usb_select_get<1>},
+    {"simple_fan_1", nullptr, Kind::fan, E(simple_fan_1), bi_fan_simple_set_status, bi_fan_simple_get_status},
+    {"ops_detect", nullptr, Kind::input, E(ops_detect), nullptr, bi_ops_detect_get_state},
+    {"lora_check", nullptr, Kind::input, E(lora_check), nullptr, bi_lora_get_state},
 };
 #undef E
 
-int32_t line_id(const Line &line)
+int32_t line_id(const Control &control)
 {
     bi_gpio_entry_t entry;
-    std::memcpy(&entry, reinterpret_cast<const unsigned char *>(bi_product) + line.entry, sizeof entry);
+    std::memcpy(&entry, reinterpret_cast<const unsigned char *>(bi_product) + control.entry, sizeof entry);
     return entry.gpio_id;
+}
+
+// The names a command takes, for its help and its errors.
+std::string names_of(bool (*takes)(Kind))
+{
+    std::string text;
+    for (const Control &control : kControls) {
+        if (!takes(control.kind) || !control.get)
+            continue;
+        text += text.empty() ? "" : ", ";
+        text += control.name;
+        if (control.alias)
+            text += std::string(" (") + control.alias + ")";
+    }
+    return text;
+}
+
+bool is_led(Kind kind) { return kind == Kind::led; }
+bool is_relay(Kind kind) { return kind == Kind::relay; }
+bool is_switch(Kind kind) { return kind == Kind::switch_line || kind == Kind::fan || kind == Kind::input; }
+
+const char *command_for(Kind kind)
+{
+    return is_led(kind) ? "led" : is_relay(kind) ? "relay" : "switch";
 }
 
 int run_status(Context &ctx, const Args &args)
 {
     if (!args.empty())
-        return usage_error(command_named("status"), "takes no arguments");
+        return usage_error(*ctx.command, "takes no arguments");
     ctx.load_config();
     if (bi_product == nullptr)
         return fail("the product record could not be loaded; see 'vexactl log'");
     Table table({"name", "kind", "line", "level", "note"});
-    for (const Line &line : kLines) {
-        const int32_t id = line_id(line);
+    for (const Control &control : kControls) {
+        const int32_t id = line_id(control);
         const bool unset = id < 0;
-        table.row({line.key, line.kind, id, unset || id == 0 ? Cell::none() : Cell(ctx.board().line(id)),
+        table.row({control.name, kind_name(control.kind), id,
+                   unset || id == 0 ? Cell::none() : Cell(ctx.board().line(id)),
                    unset ? "unset" : id == 0 ? "invalid" : ""});
     }
     if (ctx.json) {
@@ -92,113 +163,126 @@ int run_status(Context &ctx, const Args &args)
 
 VEXACTL_COMMAND(status, {"status", "", "Show the product and every lamp, relay and switch with its line and level",
                          "A line marked unset has no key in the product INI file (id -1);\n"
-                         "'invalid' marks id 0. Levels are read from the board directly.",
+                         "'invalid' marks id 0. Levels are read from the board directly.\n"
+                         "Each name is taken by 'vexactl led', 'relay' or 'switch'.",
                          run_status});
 
-// on/off/get for a pair of library calls.
-int switch_action(const std::string &what, const std::string &action, const std::function<int32_t(int32_t)> &set,
-                  const std::function<int32_t()> &get, Context &ctx, const Command &command)
+// A state read back: the number, or with --json a record.
+int print_state(Context &ctx, const char *name, int32_t state)
 {
-    if (action == "get") {
-        const int32_t level = get();
-        if (level < 0)
-            return fail("%s get failed (%d); see 'vexactl log'", what.c_str(), level);
-        std::fprintf(ctx.out, "%d\n", level);
-        return 0;
+    if (ctx.json) {
+        cJSON *o = cJSON_CreateObject();
+        cJSON_AddStringToObject(o, "name", name);
+        cJSON_AddNumberToObject(o, "state", state);
+        print_json(ctx, o);
+    } else {
+        std::fprintf(ctx.out, "%d\n", state);
     }
-    if (action != "on" && action != "off")
-        return usage_error(command, "the action is on, off or get");
-    const int32_t ret = set(action == "on" ? 1 : 0);
-    if (ret < 0)
-        return fail("%s %s failed (%d); see 'vexactl log'", what.c_str(), action.c_str(), ret);
     return 0;
 }
 
-struct Lamp {
-    const char *name;
-    int32_t (*set)(int32_t);
-    int32_t (*get)(void);
-};
+// NAME on|off|get for the controls a command takes.
+int drive(Context &ctx, const Args &args, bool (*takes)(Kind))
+{
+    if (args.size() != 2)
+        return usage_error(*ctx.command, "needs a name and on, off or get");
+    const std::string &name = args[0];
+    const Control *found = nullptr;
+    for (const Control &control : kControls)
+        if (name == control.name || (control.alias && name == control.alias))
+            found = &control;
+    if (!found)
+        throw UsageError("unknown name '" + name + "'; the names are " + names_of(takes));
+    const Control &control = *found;
+    if (!takes(control.kind))
+        throw UsageError(name + " is a " + kind_name(control.kind) + ": vexactl " + command_for(control.kind) +
+                         " " + name + " on|off|get");
+    if (!control.get)
+        throw UsageError(name + " is a colour of the tri-colour lamp: vexactl led tri RED GREEN BLUE|get");
+    const size_t action = one_of(args[1], "the action", {"on", "off", "get"});
+    ctx.load_config();
+    if (action == 2) {
+        const int32_t level = control.get();
+        if (level < 0)
+            return fail("%s %s get failed (%d); see 'vexactl log'", ctx.command->name.c_str(), name.c_str(), level);
+        return print_state(ctx, control.name, level);
+    }
+    if (!control.set)
+        return fail("%s is an input: drive its line from outside with 'vexactl gpio set %d 0|1'", name.c_str(),
+                    bi_product ? line_id(control) : -1);
+    const int32_t ret = control.set(action == 0 ? 1 : 0);
+    if (ret < 0)
+        return fail("%s %s %s failed (%d); see 'vexactl log'", ctx.command->name.c_str(), name.c_str(),
+                    args[1].c_str(), ret);
+    return 0;
+}
 
-const Lamp kLamps[] = {
-    {"sys", bi_sysled_set_state, bi_sysled_get_state},
-    {"network", bi_netled_set_state, bi_netled_get_state},
-    {"4g", bi_4gled_set_state, bi_4gled_get_state},
-    {"position", bi_position_led_set_state, bi_position_led_get_state},
-    {"switch", bi_switchled_set_state, bi_switchled_get_state},
-    {"running", bi_runningled_set_state, bi_runningled_get_state},
-    {"cloud", bi_cloudled_set_state, bi_cloudled_get_state},
-    {"sub-card", bi_usb_sub_card_led_enable, bi_usb_sub_card_led_get_status},
-};
+int run_tri(Context &ctx, const Args &args)
+{
+    if (args.size() == 2 && args[1] == "get") {
+        ctx.load_config();
+        const int32_t state = bi_triled_get_state();
+        if (state < 0)
+            return fail("led tri get failed (%d); see 'vexactl log'", state);
+        return print_state(ctx, "tri", state);
+    }
+    if (args.size() != 4)
+        return usage_error(*ctx.command, "tri takes RED GREEN BLUE (0 or 1 each) or get");
+    const auto red = static_cast<int32_t>(number_operand(args[1], "red", 0, 1));
+    const auto green = static_cast<int32_t>(number_operand(args[2], "green", 0, 1));
+    const auto blue = static_cast<int32_t>(number_operand(args[3], "blue", 0, 1));
+    ctx.load_config();
+    const int32_t ret = bi_triled_set_state(red, green, blue);
+    if (ret < 0)
+        return fail("led tri failed (%d); see 'vexactl log'", ret);
+    return 0;
+}
 
 int run_led(Context &ctx, const Args &args)
 {
-    const Command &command = command_named("led");
-    if (args.size() < 2)
-        return usage_error(command, "needs a lamp and an action");
-    ctx.load_config();
-    const std::string &name = args[0];
-    if (name == "tri") {
-        if (args[1] == "get" && args.size() == 2) {
-            const int32_t state = bi_triled_get_state();
-            if (state < 0)
-                return fail("led tri get failed (%d); see 'vexactl log'", state);
-            std::fprintf(ctx.out, "%d\n", state);
-            return 0;
-        }
-        if (args.size() != 4)
-            return usage_error(command, "tri takes RED GREEN BLUE (0 or 1 each) or get");
-        const int32_t ret = bi_triled_set_state(static_cast<int32_t>(number_operand(args[1], "red", 0, 1)),
-                                                static_cast<int32_t>(number_operand(args[2], "green", 0, 1)),
-                                                static_cast<int32_t>(number_operand(args[3], "blue", 0, 1)));
-        if (ret < 0)
-            return fail("led tri failed (%d); see 'vexactl log'", ret);
-        return 0;
-    }
-    if (args.size() != 2)
-        return usage_error(command, "too many arguments");
-    for (const Lamp &lamp : kLamps) {
-        if (name == lamp.name)
-            return switch_action("led " + name, args[1], lamp.set, lamp.get, ctx, command);
-    }
-    return usage_error(command, "unknown lamp '" + name + "'");
+    if (!args.empty() && args[0] == "tri")
+        return run_tri(ctx, args);
+    return drive(ctx, args, is_led);
 }
 
 VEXACTL_COMMAND(led, {"led", "NAME on|off|get  |  led tri RED GREEN BLUE|get", "Switch or read a lamp",
-                      "NAME is one of sys, network, 4g, position, switch, running, cloud, sub-card.\n"
-                      "The tri-colour lamp takes red, green and blue (1 lit, 0 dark); its get prints 1\n"
-                      "when only the green lamp is lit (red dark), 0 otherwise.",
+                      "NAME is a lamp as status names it, or its short name: " + names_of(is_led) +
+                          ".\nThe tri-colour lamp takes red, green and blue (1 lit, 0 dark); its get prints 1\n"
+                          "when only the green lamp is lit (red dark), 0 otherwise.",
                       run_led});
 
-int run_relay(Context &ctx, const Args &args)
-{
-    const Command &command = command_named("relay");
-    if (args.size() != 2)
-        return usage_error(command, "needs a relay and an action");
-    ctx.load_config();
-    if (args[0] == "interior")
-        return switch_action("relay interior", args[1], bi_relay_set_state, bi_relay_get_state, ctx, command);
-    const auto dev = static_cast<int32_t>(number_operand(args[0], "the relay", 1, 4));
-    return switch_action(
-        "relay " + args[0], args[1], [dev](int32_t on) { return bi_peripheral_relay_enable(dev, on); },
-        [dev] { return bi_peripheral_relay_get_status(dev); }, ctx, command);
-}
+int run_relay(Context &ctx, const Args &args) { return drive(ctx, args, is_relay); }
 
-VEXACTL_COMMAND(relay, {"relay", "N|interior on|off|get", "Switch or read a relay",
-                        "N is a peripheral relay, 1 to 4; 'interior' is the interior relay.", run_relay});
+VEXACTL_COMMAND(relay, {"relay", "NAME on|off|get", "Switch or read a relay",
+                        "NAME is a relay as status names it, or its short name: " + names_of(is_relay) + ".",
+                        run_relay});
+
+int run_switch(Context &ctx, const Args &args) { return drive(ctx, args, is_switch); }
+
+VEXACTL_COMMAND(switch, {"switch", "NAME on|off|get", "Switch or read a power, control or selector line",
+                         "NAME is a switch, the fan or an input as status names it: " + names_of(is_switch) +
+                             ".\nInputs are read only. usb_select_0 and usb_select_1 are the two lines of\n"
+                             "the USB port selector: switching one keeps the other.",
+                         run_switch});
 
 // The library's id tests accept line ids below 1000.
 constexpr long long kMaxLine = 999;
 
 int run_gpio(Context &ctx, const Args &args)
 {
-    const Command &command = command_named("gpio");
     if (args.size() == 2 && args[0] == "get") {
         const int id = static_cast<int>(number_operand(args[1], "the line", 0, kMaxLine));
         const int level = ctx.board().line(id);
         if (level < 0)
             return fail("line %d does not exist", id);
-        std::fprintf(ctx.out, "%d\n", level);
+        if (ctx.json) {
+            cJSON *o = cJSON_CreateObject();
+            cJSON_AddNumberToObject(o, "line", id);
+            cJSON_AddNumberToObject(o, "level", level);
+            print_json(ctx, o);
+        } else {
+            std::fprintf(ctx.out, "%d\n", level);
+        }
         return 0;
     }
     if (args.size() == 3 && args[0] == "set") {
@@ -207,12 +291,12 @@ int run_gpio(Context &ctx, const Args &args)
         ctx.board().set_line(id, level);
         return 0;
     }
-    return usage_error(command, "expected 'get ID' or 'set ID 0|1'");
+    return usage_error(*ctx.command, "expected 'get ID' or 'set ID 0|1'");
 }
 
 VEXACTL_COMMAND(gpio, {"gpio", "get ID | set ID 0|1", "Read or drive a board line directly",
                        "Acts on the board's line itself, not through the library: 'set' is what a\n"
-                       "signal from outside would do to an input.",
+                       "signal from outside would do to an input. ID is 0 to 999.",
                        run_gpio});
 
 } // namespace

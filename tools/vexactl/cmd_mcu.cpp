@@ -3,8 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <memory>
 #include <string>
 
 #include <cjson/cJSON.h>
@@ -12,6 +11,7 @@
 #include "platform/os.h"
 #include "sim/serial/mcu_model.h"
 #include "tools/vexactl/command.h"
+#include "tools/vexactl/mcu_flasher.h"
 #include "vexasdk/mcu.h"
 #include "vexasdk/network.h"
 #include "vexasdk/selftest.h"
@@ -64,72 +64,160 @@ int run_version(Context &ctx)
     return 0;
 }
 
+// A progress bar on standard error, one line per phase.
+class Bar {
+public:
+    void draw(const char *phase, uint32_t done, uint32_t failed, uint32_t total)
+    {
+        if (phase_ != phase && phase_)
+            std::fputc('\n', stderr);
+        phase_ = phase;
+        const int width = 40;
+        const int filled = total ? static_cast<int>(static_cast<uint64_t>(done) * width / total) : width;
+        std::fprintf(stderr, "\r%-6s [%s%s] %3u%%  %u/%u blocks", phase, std::string(filled, '#').c_str(),
+                     std::string(width - filled, ' ').c_str(),
+                     total ? static_cast<unsigned>(100ull * done / total) : 100u, done, total);
+        if (failed)
+            std::fprintf(stderr, ", %u failed", failed);
+        std::fflush(stderr);
+    }
+    ~Bar()
+    {
+        if (phase_)
+            std::fputc('\n', stderr);
+    }
+
+private:
+    const char *phase_ = nullptr;
+};
+
+// The configured flow. mcuFwUpdate gives 0 after a flash attempt whether
+// it took or not, and -1 both when nothing was needed and when the line did
+// not reopen: the MCU's version afterwards tells which.
 int run_update(Context &ctx)
 {
     int fd;
     if (int rc = open_mcu(&fd))
         return rc;
+    // On a terminal: what the flow is doing, and the flasher's bar.
+    std::unique_ptr<Bar> bar;
+    if (!ctx.json && isatty(STDERR_FILENO)) {
+        std::fprintf(stderr, "asking the MCU for its version (up to ten tries, 1 s apart)...\n");
+        bar = std::make_unique<Bar>();
+        mcu_isp_set_progress(
+            [](uint32_t done, uint32_t total, void *user) {
+                static_cast<Bar *>(user)->draw("write", (done + 255) / 256, 0, (total + 255) / 256);
+            },
+            bar.get());
+    }
     const int result = mcuFwUpdate(&fd);
-    const std::string now = fd >= 0 ? ask_version(fd) : "";
-    if (fd >= 0)
-        vexa::os::close(fd);
-    const bool updated = result == 0;
+    mcu_isp_set_progress(nullptr, nullptr);
+    bar.reset();
+    if (fd < 0)
+        return fail("the MCU line did not reopen after the update; see 'vexactl log'");
+    const std::string now = ask_version(fd);
+    vexa::os::close(fd);
+    const std::string configured = config_info->mcu_fw_version;
+    const bool attempted = result == 0;
+    const bool current = !now.empty() && now == configured;
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
-        cJSON_AddBoolToObject(o, "flashed", updated);
+        cJSON_AddBoolToObject(o, "flashed", attempted);
         cJSON_AddStringToObject(o, "version", now.c_str());
-        cJSON_AddStringToObject(o, "configured", config_info->mcu_fw_version);
+        cJSON_AddStringToObject(o, "configured", configured.c_str());
+        cJSON_AddBoolToObject(o, "current", current);
         print_json(ctx, o);
-    } else if (updated) {
-        std::fprintf(ctx.out, "update attempted; the MCU reports %s (configured %s)\n",
-                     now.empty() ? "nothing" : now.c_str(), config_info->mcu_fw_version);
-    } else {
-        std::fprintf(ctx.out, "no update: the MCU reports %s, the configured version\n", now.c_str());
+    } else if (current) {
+        std::fprintf(ctx.out, "%s: the MCU reports %s, the configured version\n",
+                     attempted ? "updated" : "no update", now.c_str());
     }
+    if (!current)
+        return fail("%s: the MCU reports %s, not the configured %s; see 'vexactl log'",
+                    attempted ? "the update did not take" : "no update was made",
+                    now.empty() ? "no version" : now.c_str(), configured.c_str());
     return 0;
 }
 
-void draw_progress(uint32_t done, uint32_t total, void *user)
+std::string hex32(uint32_t value)
 {
-    FILE *out = static_cast<FILE *>(user);
-    const int width = 40;
-    const int filled = total ? static_cast<int>(static_cast<uint64_t>(done) * width / total) : width;
-    std::fprintf(out, "\r[%s%s] %3u%%", std::string(filled, '#').c_str(),
-                 std::string(width - filled, ' ').c_str(),
-                 total ? static_cast<unsigned>(100ull * done / total) : 100u);
-    std::fflush(out);
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08x", value);
+    return text;
 }
 
 int run_flash(Context &ctx, const Args &args)
 {
     if (args.size() != 1)
-        return usage_error(command_named("mcu"), "flash takes one FILE");
-    std::string image = args[0];
-    // A file of the host that the board does not have is copied in first.
-    if (!ctx.board().exists(image) && std::filesystem::exists(image)) {
-        std::ifstream in(image, std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        image = "/data/vexactl/mcu_image.bin";
-        ctx.board().write_file(image, bytes);
+        return usage_error(*ctx.command, "flash takes one FILE");
+    const std::string &path = args[0];
+    std::string image;
+    if (!path.empty() && path[0] == '/' && ctx.board().exists(path))
+        image = ctx.board().read_file(path); // a file of the board
+    else if (!read_input(path, &image))
+        return 1;
+    const std::string name = path == "-" ? "the image from standard input" : path;
+    if (image.empty())
+        return fail("%s is empty: there is nothing to flash", name.c_str());
+    if (image.size() > 0x7FFFFFFF)
+        return fail("%s is too large", name.c_str());
+
+    FlashRequest request;
+    request.uart = config_info->mcu_uart_path;
+    request.image = image;
+    request.force = ctx.flag("force");
+    request.verify = !ctx.flag("no-verify");
+    bool failed_said = false;
+    std::unique_ptr<Bar> bar;
+    if (!ctx.json && isatty(STDERR_FILENO))
+        bar = std::make_unique<Bar>();
+    request.progress = [&](const char *phase, uint32_t done, uint32_t failed, uint32_t total) {
+        if (bar)
+            bar->draw(phase, done, failed, total);
+        else if (failed && !failed_said)
+            std::fprintf(stderr, "vexactl: the bootloader did not take block %u of %u; going on\n", done, total);
+        failed_said = failed_said || failed;
+    };
+    const FlashReport report = flash_mcu(request);
+    bar.reset();
+
+    const char *type = report.type >= 0 && report.type < 5 ? str_mcu_type[report.type] : "MCU_UNKNOWN";
+    using Stage = FlashReport::Stage;
+    switch (report.stage) {
+    case Stage::done:
+        break;
+    case Stage::no_line:
+        return fail("cannot open the MCU line %s; see 'vexactl log'", request.uart.c_str());
+    case Stage::no_answer:
+        return fail("the MCU's bootloader does not answer on %s; see 'vexactl log'", request.uart.c_str());
+    case Stage::refused:
+        fail("%s (%zu bytes) does not fit the erase of the %s: %s", name.c_str(), image.size(), type,
+             report.check.why.c_str());
+        return fail("%s; --force flashes it as it is", report.check.need.c_str());
+    case Stage::erase_refused:
+        return fail("the bootloader did not acknowledge the erase; nothing written; see 'vexactl log'");
+    case Stage::blocks_failed:
+        return fail("flashing failed: the bootloader did not take %u of %u blocks, the first at %s",
+                    report.failed, report.blocks, hex32(report.first_failed).c_str());
+    case Stage::read_failed:
+        return fail("written, but the read-back failed at %s: the flash is not verified",
+                    hex32(report.first_unread).c_str());
+    case Stage::differs:
+        return fail("the flash does not hold the image: the first difference is at %s (flash 0x%02x, image "
+                    "0x%02x)",
+                    hex32(report.first_difference).c_str(), report.flash_byte, report.image_byte);
     }
-    if (!ctx.board().exists(image))
-        return fail("no such image: %s", args[0].c_str());
-    const bool bar = !ctx.json && isatty(fileno(ctx.out));
-    if (bar)
-        mcu_isp_set_progress(draw_progress, ctx.out);
-    const int result = mcu_tool_isp_task(image.c_str(), config_info->mcu_uart_path);
-    mcu_isp_set_progress(nullptr, nullptr);
-    if (bar)
-        std::fprintf(ctx.out, "\n");
-    if (result != 0)
-        return fail("flashing failed (%d); see 'vexactl log'", result);
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
-        cJSON_AddStringToObject(o, "image", image.c_str());
-        cJSON_AddStringToObject(o, "type", str_mcu_type[mcu_get_type()]);
+        cJSON_AddStringToObject(o, "image", path.c_str());
+        cJSON_AddNumberToObject(o, "size", static_cast<double>(image.size()));
+        cJSON_AddStringToObject(o, "type", type);
+        cJSON_AddNumberToObject(o, "blocks", report.blocks);
+        cJSON_AddBoolToObject(o, "verified", report.verified);
+        cJSON_AddBoolToObject(o, "erase_covers_image", report.check.covered);
         print_json(ctx, o);
     } else {
-        std::fprintf(ctx.out, "flashed %s (%s)\n", image.c_str(), str_mcu_type[mcu_get_type()]);
+        std::fprintf(ctx.out, "flashed %s (%zu bytes) to the %s, %s\n", name.c_str(), image.size(), type,
+                     report.verified ? "read back equal" : "not read back (--no-verify)");
     }
     return 0;
 }
@@ -147,8 +235,14 @@ int run_links(Context &ctx)
     Table table({"port", "link"});
     for (int port = 0; port < 40; ++port)
         table.row({port, (mask >> port) & 1u ? "up" : "down"});
-    if (!ctx.json)
-        std::fprintf(ctx.out, "mask: 0x%010llx\n", static_cast<unsigned long long>(mask));
+    if (ctx.json) {
+        cJSON *o = cJSON_CreateObject();
+        cJSON_AddNumberToObject(o, "mask", static_cast<double>(mask)); // 40 bits: exact in a double
+        cJSON_AddItemToObject(o, "ports", table.json());
+        print_json(ctx, o);
+        return 0;
+    }
+    std::fprintf(ctx.out, "mask: 0x%010llx\n", static_cast<unsigned long long>(mask));
     table.print(ctx);
     return 0;
 }
@@ -220,18 +314,27 @@ int run_mcu(Context &ctx, const Args &args)
     return usage_error(command, "unknown action " + action);
 }
 
-VEXACTL_COMMAND(mcu, {"mcu", "version | update | flash FILE | links | watchdog open|close|feed [--seconds N]|status",
+VEXACTL_COMMAND(mcu, {"mcu", "version | update | flash FILE|- [--force] [--no-verify] | links | watchdog open|close|feed [--seconds N]|status",
                       "Talk to the board MCU: firmware version and update, flashing, port links, watchdog",
                       "version  asks the MCU for its firmware version.\n"
                       "update   runs the configured update: compares the version with mcu_fw_version\n"
-                      "         and flashes mcu_fw_path through the ROM bootloader when they differ.\n"
-                      "flash    flashes FILE (a board path, or a host file that is copied in)\n"
-                      "         through the ROM bootloader, with a progress bar on a terminal.\n"
+                      "         and flashes mcu_fw_path through the ROM bootloader when they differ;\n"
+                      "         exits non-zero unless the MCU then reports the configured version.\n"
+                      "flash    flashes FILE (a board path, a host file, or '-' for standard input)\n"
+                      "         through the ROM bootloader: greets it, detects the MCU, refuses an\n"
+                      "         image its page erase cannot cover (unless --force), erases, writes\n"
+                      "         block by block, reads the flash back and compares (unless\n"
+                      "         --no-verify). A progress bar on a terminal counts the blocks,\n"
+                      "         failed ones too. Exits non-zero with the first failed block or\n"
+                      "         the first differing address.\n"
                       "links    reads the link state of the 40 output network ports.\n"
                       "watchdog drives the MCU watchdog line (mcu_wdt_switch): open, close (the\n"
                       "         closing pulses), feed (the feeder thread, for --seconds, default 5),\n"
                       "         status (the line and what the MCU saw in this process).",
-                      run_mcu, {number("seconds", "N", 0, 86400, "watchdog feed: how long to feed")}});
+                      run_mcu,
+                      {number("seconds", "N", 0, 86400, "watchdog feed: how long to feed"),
+                       flag("force", "flash: flash an image the erase cannot cover"),
+                       flag("no-verify", "flash: do not read the flash back")}});
 
 } // namespace
 } // namespace vexactl

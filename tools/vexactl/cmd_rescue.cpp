@@ -3,11 +3,19 @@
 #include <ctime>
 #include <string>
 
+#include <unistd.h>
+
+#include "platform/os.h"
 #include "tools/vexactl/command.h"
+#include "vexasdk/product_config.h"
 #include "vexasdk/storage.h"
 
 namespace vexactl {
 namespace {
+
+const char kPartition[] = "/dev/block/mmcblk2p22";
+const char kMountPoint[] = "/Reserve0";
+const char kFlagFile[] = "/Reserve0/flag.hex";
 
 const char *state_meaning(int32_t state)
 {
@@ -21,6 +29,17 @@ const char *state_meaning(int32_t state)
     default:
         return "unknown";
     }
+}
+
+// Whether the reserve partition holds the flag file, which its first backup
+// writes (a new board has none).
+bool has_flag_file()
+{
+    if (bi_base_mount_sub(kPartition, kMountPoint) != 0)
+        return true; // an unreadable partition is not a board without a backup
+    const bool found = vexa::os::access(kFlagFile, F_OK) == 0;
+    bi_base_umount_sub(kMountPoint);
+    return found;
 }
 
 int print_value(Context &ctx, const char *name, int32_t value, const std::string &text)
@@ -62,13 +81,27 @@ int run_rescue(Context &ctx, const Args &args)
     }
     if (verb == "status" && args.size() == 1) {
         const int32_t state = bi_rescue_get_data_status();
-        if (state < 0)
-            return fail("cannot read the rescue flags (%d); see 'vexactl log'", state);
-        return print_value(ctx, "state", state, state_meaning(state));
+        if (state >= 0)
+            return print_value(ctx, "state", state, state_meaning(state));
+        if (!has_flag_file()) {
+            const char *meaning = "no backup yet: the reserve partition has no flag file";
+            if (ctx.json) {
+                cJSON *item = cJSON_CreateObject();
+                cJSON_AddNullToObject(item, "state");
+                cJSON_AddStringToObject(item, "meaning", meaning);
+                print_json(ctx, item);
+            } else {
+                std::fprintf(ctx.out, "%s\n", meaning);
+            }
+            return 0;
+        }
+        return fail("cannot read the rescue flags (%d); see 'vexactl log'", state);
     }
     if (verb == "time" && args.size() == 1) {
         char stamp[33] = {0};
         const int32_t rc = bi_rescue_get_backup_time(stamp, sizeof stamp);
+        if (rc != 0 && !has_flag_file())
+            return fail("no backup yet: the reserve partition has no flag file");
         if (rc != 0)
             return fail("cannot read the backup time (%d); see 'vexactl log'", rc);
         const time_t when = static_cast<time_t>(std::atoll(stamp));

@@ -88,6 +88,31 @@ std::string spelled(const Option &option)
     return "--" + option.name;
 }
 
+// Text broken at blanks into lines of at most 79 characters.
+std::string wrapped(const std::string &text)
+{
+    std::string out;
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos)
+            end = text.size();
+        std::string line = text.substr(start, end - start);
+        while (line.size() > 79) {
+            size_t cut = line.rfind(' ', 79);
+            if (cut == std::string::npos || cut == 0)
+                break;
+            out += line.substr(0, cut) + "\n";
+            line = line.substr(cut + 1);
+        }
+        out += line;
+        if (end < text.size())
+            out += "\n";
+        start = end + 1;
+    }
+    return out;
+}
+
 std::string range_text(const Option &option)
 {
     return "a number from " + std::to_string(option.min) + " to " + std::to_string(option.max);
@@ -137,7 +162,7 @@ void print_command_help(FILE *to, const Command &command)
 {
     std::fprintf(to, "%s\n\n%s\n", usage_line(command).c_str(), command.summary.c_str());
     if (!command.help.empty())
-        std::fprintf(to, "\n%s\n", command.help.c_str());
+        std::fprintf(to, "\n%s\n", wrapped(command.help).c_str());
     std::vector<std::pair<std::string, std::string>> rows;
     auto add = [&](const Option &option) {
         std::string left = option.short_name ? std::string("-") + option.short_name + ", " : "";

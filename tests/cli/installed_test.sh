@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# The installed vexactl runs from any prefix, without LD_LIBRARY_PATH.
+#   installed_test.sh BUILD_DIR
+set -u
+build=$1
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+failures=0
+check() { # description, expected, actual
+    if [ "$2" != "$3" ]; then
+        echo "FAIL: $1"
+        echo "  expected: $2"
+        echo "  actual:   $3"
+        failures=$((failures + 1))
+    fi
+}
+
+cmake --install "$build" --prefix "$dir/prefix" >/dev/null || { echo "install failed"; exit 1; }
+mv "$dir/prefix" "$dir/elsewhere" # a prefix the build never named
+vexactl="$dir/elsewhere/bin/vexactl"
+check "the RUNPATH is relative to the program" yes \
+    "$(readelf -d "$vexactl" | grep -q 'RUNPATH.*\[\$ORIGIN/\.\./lib' && echo yes)"
+out=$(env -u LD_LIBRARY_PATH "$vexactl" --version 2>&1)
+check "vexactl --version runs" "0 vexactl (vexasdk)" "$? $(echo "$out" | cut -d' ' -f1-2)"
+out=$(env -u LD_LIBRARY_PATH "$vexactl" --board "$dir/board" status 2>&1)
+check "vexactl status runs on a new board" "0 product:   QR5PLUS" "$? $(echo "$out" | grep '^product:')"
+check "with the installed libraries" "$dir/elsewhere/lib" \
+    "$(env -u LD_LIBRARY_PATH LD_TRACE_LOADED_OBJECTS=1 "$vexactl" | awk '/libvexasdk/ {print $3}' | xargs dirname | xargs realpath)"
+
+if [ "$failures" -ne 0 ]; then
+    echo "$failures check(s) failed"
+    exit 1
+fi
+echo "all checks passed"
