@@ -336,13 +336,17 @@ void FpgaModel::persist()
 
 void FpgaModel::power_on(const Board &board)
 {
-    std::lock_guard<std::recursive_mutex> lock(mu_);
-    // A pin the SoC never drove is held high by its pull-up.
+    // A pin the SoC never drove is held high by its pull-up. The lines are
+    // read before the model's lock is taken: the board may hand line records
+    // to this model's watcher while it answers.
     auto level = [&board](int pin) {
         return pin < 0 || board.line_direction(pin) == "in" ? 1 : board.line(pin);
     };
-    control_level_ = level(pins_.control);
-    config_level_ = level(pins_.config);
+    const int control = level(pins_.control);
+    const int config = level(pins_.config);
+    std::lock_guard<std::recursive_mutex> lock(mu_);
+    control_level_ = control;
+    config_level_ = config;
     sync_done();
 }
 
