@@ -247,7 +247,9 @@ VEXA_API int32_t mcu_serial_read_select(uint8_t *buf, uint32_t count)
             got += static_cast<uint32_t>(n);
             continue;
         }
-        if (n == 0 && ++empty >= 10) {
+        // A read that fails counts as an empty one: a line whose reads keep
+        // failing ends with 3 like a silent one, never spins for ever.
+        if (++empty >= 10) {
             VEXA_LOGD(kTag, "read fd(%d) 0 Bytes  %d times! \n", g_mcu_fd, empty);
             return 3;
         }

@@ -132,7 +132,8 @@ VEXA_API int32_t mcu_serial_write(const uint8_t *buf, uint32_t count);
  * that can no longer deliver anything). */
 VEXA_API int32_t mcu_serial_read(uint8_t *buf, uint32_t count);
 /* Waits up to 1 s for input, then reads count bytes: 1 on success; 4 wait
- * error, 5 time-out, 3 after ten empty reads. */
+ * error, 5 time-out, 3 after ten empty reads; a failed read counts as an
+ * empty one, so a line whose reads keep failing ends with 3 too. */
 VEXA_API int32_t mcu_serial_read_select(uint8_t *buf, uint32_t count);
 VEXA_API int32_t mcu_serial_close(void);
 

@@ -121,6 +121,16 @@ TEST_F(McuSerialTest, SelectReadCodes)
                                   ") 0 Bytes  10 times! "));
 }
 
+TEST_F(McuSerialTest, SelectReadGivesUpOnALineWhoseReadsFail)
+{
+    line("/dev/ttyS3")->inject("c");
+    board().inject(Fault::on("read").always());
+    uint8_t buf[2] = {};
+    EXPECT_EQ(mcu_serial_read_select(buf, 2), 3);
+    EXPECT_THAT(fw_log(), ::testing::ElementsAre("D/vexa_system_fw_update: read fd(" + std::to_string(fd()) +
+                                                 ") 0 Bytes  10 times! "));
+}
+
 TEST_F(McuSerialTest, WriteErrorIsThePositiveCodeTwo)
 {
     const uint8_t byte = 0x7F;
