@@ -343,14 +343,7 @@ VEXA_API int32_t fpga_update_program_to_emmc(const char *path)
         VEXA_LOGE(kTagBi, "<%s> malloc(data_size) fail", __func__);
         return -5;
     }
-    size_t got = 0;
-    while (got < data.size()) {
-        const ssize_t n = vexa::os::read(fd.get(), data.data() + got, data.size() - got);
-        if (n <= 0)
-            break;
-        got += size_t(n);
-    }
-    if (got != data.size()) {
+    if (vexa::os::read_full(fd.get(), data.data(), data.size()) != ssize_t(data.size())) {
         VEXA_LOGE(kTagBi, "<%s> read fail", __func__);
         return -6;
     }

@@ -87,16 +87,7 @@ ssize_t read_file(const char *path, uint8_t *buf, size_t size)
     vexa::UniqueFd fd(vexa::os::open(path, O_RDONLY));
     if (!fd)
         return -1;
-    size_t got = 0;
-    while (got < size) {
-        const ssize_t n = vexa::os::read(fd.get(), buf + got, size - got);
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break;
-        got += size_t(n);
-    }
-    return ssize_t(got);
+    return vexa::os::read_full(fd.get(), buf, size);
 }
 
 uint32_t table_entries(uint32_t count) { return std::min<uint32_t>(count, BI_FPGA_MAX_BLOCKS); }

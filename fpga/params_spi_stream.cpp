@@ -21,21 +21,6 @@ namespace {
 
 constexpr int kNetOutputRounds = 99;
 
-// Reads up to size bytes; the bytes read, or -1.
-ssize_t read_up_to(int fd, uint8_t *buf, size_t size)
-{
-    size_t got = 0;
-    while (got < size) {
-        const ssize_t n = vexa::os::read(fd, buf + got, size - got);
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break;
-        got += size_t(n);
-    }
-    return ssize_t(got);
-}
-
 // Steps 2 and 3 of the load: the checks, the file and the records. The code
 // the load ends with.
 int32_t send_record_stream(const char *func, uint8_t *data)
@@ -68,7 +53,7 @@ int32_t send_record_stream(const char *func, uint8_t *data)
             VEXA_LOGE(kTagBi, "open %s failed", param);
             return -4;
         }
-        if (read_up_to(file.get(), data, BI_FPGA_PARAMETER_MAX) < 0) {
+        if (vexa::os::read_full(file.get(), data, BI_FPGA_PARAMETER_MAX) < 0) {
             VEXA_LOGE(kTagBi, "<%s> read fpga block failed ", func);
             return -4;
         }

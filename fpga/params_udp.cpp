@@ -26,20 +26,6 @@ constexpr int kStableReadings = 7;
 constexpr uint64_t kSourceWaitSeconds = 3;
 constexpr size_t kPathKept = 64;
 
-ssize_t read_exact(int fd, uint8_t *buf, size_t n)
-{
-    size_t got = 0;
-    while (got < n) {
-        const ssize_t r = vexa::os::read(fd, buf + got, n - got);
-        if (r < 0)
-            return -1;
-        if (r == 0)
-            break;
-        got += size_t(r);
-    }
-    return ssize_t(got);
-}
-
 int write_byte(uint32_t address, uint8_t value)
 {
     return WriteFPGABlock(kLink, address, 1, &value);
@@ -104,7 +90,7 @@ VEXA_API int32_t cal_block_para_length(int32_t fd, uint32_t blocknum, uint32_t *
     uint64_t total = *length;
     for (uint32_t i = 0; i < blocknum; ++i) {
         uint8_t raw[4];
-        if (vexa::os::lseek(fd, 4, SEEK_CUR) < 0 || read_exact(fd, raw, sizeof raw) != 4)
+        if (vexa::os::lseek(fd, 4, SEEK_CUR) < 0 || vexa::os::read_full(fd, raw, sizeof raw) != 4)
             break; // the end of the file ends the walk
         const uint32_t data_len = wire::be32(raw);
         VEXA_LOGD(kTagFw, "dataLen = %x", data_len);
@@ -134,7 +120,7 @@ VEXA_API int32_t read_para_blcoknum_offest(const char *path, uint32_t *blocknum,
         return -1;
     }
     uint8_t raw[4];
-    if (read_exact(fd.get(), raw, sizeof raw) != 4) {
+    if (vexa::os::read_full(fd.get(), raw, sizeof raw) != 4) {
         VEXA_LOGE(kTagFw, "%s Error reading file", __func__);
         return -1;
     }
@@ -156,7 +142,7 @@ VEXA_API int32_t read_hcu900_paramter(const char *path, uint8_t *buf, uint32_t c
         VEXA_LOGE(kTagFw, "%s: open %s failed !!!", __func__, path);
         return -1;
     }
-    const ssize_t n = read_exact(fd.get(), buf, count);
+    const ssize_t n = vexa::os::read_full(fd.get(), buf, count);
     if (n < 0) {
         VEXA_LOGE(kTagFw, "%s: read %s failed !!!", __func__, path);
         return -1;

@@ -39,20 +39,6 @@ bool program_path_set(const char *func, const char *tagged_format)
     return false;
 }
 
-ssize_t read_up_to(int fd, uint8_t *buf, size_t size)
-{
-    size_t got = 0;
-    while (got < size) {
-        const ssize_t n = vexa::os::read(fd, buf + got, size - got);
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break;
-        got += size_t(n);
-    }
-    return ssize_t(got);
-}
-
 } // namespace
 
 namespace vexa::fpga {
@@ -210,7 +196,7 @@ VEXA_API int32_t fpga_load_program_qrxx_rk3566(const char *path)
         }
         // A shorter program is followed by zeros, a longer one cut.
         std::memset(image.get(), 0, BI_FPGA_PROGRAM_SIZE);
-        if (read_up_to(file.get(), image.get(), BI_FPGA_PROGRAM_SIZE) < 0) {
+        if (vexa::os::read_full(file.get(), image.get(), BI_FPGA_PROGRAM_SIZE) < 0) {
             VEXA_LOGE(kTagBi, "read fpga block failed ");
             return -1;
         }

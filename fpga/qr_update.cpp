@@ -52,20 +52,6 @@ bool read_tag(uint8_t *tag)
     return false;
 }
 
-ssize_t read_exact(int fd, uint8_t *buf, size_t n)
-{
-    size_t got = 0;
-    while (got < n) {
-        const ssize_t r = vexa::os::read(fd, buf + got, n - got);
-        if (r < 0)
-            return -1;
-        if (r == 0)
-            break;
-        got += size_t(r);
-    }
-    return ssize_t(got);
-}
-
 bool write_all(const std::vector<uint8_t> &packet)
 {
     return bi_fpga_spi_write(packet.data(), uint32_t(packet.size())) >= 0;
@@ -96,7 +82,7 @@ int32_t send_program(const char *func, int fd, uint32_t payload_size, const uint
             VEXA_LOGE(kTagBi, "<%s> lseek fail", func);
             return -5;
         }
-        if (read_exact(fd, piece, n) != ssize_t(n)) {
+        if (vexa::os::read_full(fd, piece, n) != ssize_t(n)) {
             VEXA_LOGE(kTagBi, "<%s> read fail", func);
             return -5;
         }
@@ -159,7 +145,7 @@ extern "C" VEXA_API int32_t fpga_update_program_qr3plus_qr5plus(const char *path
     VEXA_LOGI(kTagBi, "<%s> fpga size:%d Byte", func, int(payload_size));
 
     uint8_t header[wire::kProgramHeaderSize] = {};
-    if (read_exact(fd.get(), header, sizeof header) != ssize_t(sizeof header)) {
+    if (vexa::os::read_full(fd.get(), header, sizeof header) != ssize_t(sizeof header)) {
         VEXA_LOGE(kTagBi, "<%s> read fail", func);
         return -1;
     }
@@ -203,7 +189,7 @@ extern "C" VEXA_API int32_t fpga_update_program_qr3plus_qr5plus(const char *path
 
     std::vector<uint8_t> payload(payload_size);
     const auto checksum = wire::header_number(header, sizeof header, "checksum");
-    if (read_exact(fd.get(), payload.data(), payload.size()) != ssize_t(payload.size()) || !checksum ||
+    if (vexa::os::read_full(fd.get(), payload.data(), payload.size()) != ssize_t(payload.size()) || !checksum ||
         wire::sum16(payload.data(), payload.size()) != *checksum) {
         VEXA_LOGE(kTagBi, "<%s> check sum fail", func);
         return -3;

@@ -30,6 +30,22 @@ int close(int fd);
 // Waits for descriptor events like poll(2).
 int poll(struct pollfd *fds, nfds_t nfds, int timeout_ms);
 
+// Reads until count bytes have arrived or the end of the file: the bytes
+// read, or -1 when a read fails.
+inline ssize_t read_full(int fd, void *buf, size_t count)
+{
+    size_t got = 0;
+    while (got < count) {
+        const ssize_t n = read(fd, static_cast<char *>(buf) + got, count - got);
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        got += static_cast<size_t>(n);
+    }
+    return static_cast<ssize_t>(got);
+}
+
 FILE *fopen(const char *path, const char *mode);
 int stat(const char *path, struct stat *st);
 int access(const char *path, int mode);

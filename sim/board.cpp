@@ -167,6 +167,17 @@ std::string read_state(const Board::State &s, const char *name)
     return read_host_file(s.state_path(name));
 }
 
+std::vector<std::string> state_lines(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line))
+        if (!line.empty() && line[0] != '#')
+            lines.push_back(line);
+    return lines;
+}
+
 void write_state(const Board::State &s, const char *name, const std::string &text)
 {
     const std::string path = s.state_path(name);

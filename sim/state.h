@@ -104,6 +104,8 @@ long long fault_write_allowance(Board::State &s, const char *call, const std::st
 std::string read_state(const Board::State &s, const char *name);
 void write_state(const Board::State &s, const char *name, const std::string &text);
 void append_state(const Board::State &s, const char *name, const std::string &line);
+// The lines of a state file's text, without blank lines and '#' comments.
+std::vector<std::string> state_lines(const std::string &text);
 // Runs fn while holding the board's cross-process lock.
 template <typename Fn> auto with_board_lock(const Board::State &s, Fn fn) -> decltype(fn());
 class BoardLock {

@@ -116,6 +116,20 @@ int32_t bi_get_device_endpoint(uint8_t configurations)
     return 0;
 }
 
+// A transfer needs a buffer, a positive length and an open channel.
+bool transfer_ready(const char *func, const void *buffer, int32_t length)
+{
+    if (buffer == nullptr || length <= 0) {
+        VEXA_LOGE(kTag, "%s: invalid params\n", func);
+        return false;
+    }
+    if (vexa_usb_handle == nullptr) {
+        VEXA_LOGE(kTag, "%s: usb not open\n", func);
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 extern "C" {
@@ -206,14 +220,8 @@ VEXA_API int32_t bi_usb_close(void)
 
 VEXA_API int32_t bi_usb_blocking_write(const uint8_t *buffer, int32_t length, uint32_t timeout_ms)
 {
-    if (buffer == nullptr || length <= 0) {
-        VEXA_LOGE(kTag, "%s: invalid params\n", __func__);
+    if (!transfer_ready(__func__, buffer, length))
         return -1;
-    }
-    if (vexa_usb_handle == nullptr) {
-        VEXA_LOGE(kTag, "%s: usb not open\n", __func__);
-        return -1;
-    }
     VEXA_LOGD(kTag, "%s: Writing to endpoint 0x%02X, count=%d\n", __func__, vexa_usb_port.endpoint_out,
               static_cast<int>(length));
     int transferred = 0;
@@ -230,14 +238,8 @@ VEXA_API int32_t bi_usb_blocking_write(const uint8_t *buffer, int32_t length, ui
 
 VEXA_API int32_t bi_usb_blocking_read(uint8_t *buffer, int32_t length, uint32_t timeout_ms)
 {
-    if (buffer == nullptr || length <= 0) {
-        VEXA_LOGE(kTag, "%s: invalid params\n", __func__);
+    if (!transfer_ready(__func__, buffer, length))
         return -1;
-    }
-    if (vexa_usb_handle == nullptr) {
-        VEXA_LOGE(kTag, "%s: usb not open\n", __func__);
-        return -1;
-    }
     VEXA_LOGD(kTag, "%s: Reading from endpoint 0x%02X, expecting %d bytes, timeout=%dms\n", __func__,
               vexa_usb_port.endpoint_in, static_cast<int>(length), static_cast<int>(timeout_ms));
     int transferred = 0;

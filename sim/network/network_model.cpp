@@ -16,21 +16,10 @@ namespace {
 
 constexpr int kFailed = 1 << 8;
 
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        if (!line.empty() && line[0] != '#')
-            lines.push_back(line);
-    return lines;
-}
-
 std::vector<NetInterface> load(const Board::State &s)
 {
     std::vector<NetInterface> out;
-    for (const auto &line : lines_of(read_state(s, "network"))) {
+    for (const auto &line : state_lines(read_state(s, "network"))) {
         std::istringstream words(line);
         NetInterface i;
         std::string state, address;
@@ -209,7 +198,7 @@ CommandResult ip(Board::State &s, const std::vector<std::string> &argv)
 
 std::string setting(const Board::State &s, const std::string &key)
 {
-    for (const auto &line : lines_of(read_state(s, "network.conf"))) {
+    for (const auto &line : state_lines(read_state(s, "network.conf"))) {
         const auto eq = line.find('=');
         if (eq != std::string::npos && line.substr(0, eq) == key)
             return line.substr(eq + 1);
@@ -283,7 +272,7 @@ CommandResult iptables(Board::State &s, const std::vector<std::string> &argv)
     if (chain != "FORWARD")
         return {1 << 8, ""}; // only the FORWARD chain is modelled
     return with_board_lock(s, [&]() -> CommandResult {
-        auto rules = lines_of(read_state(s, "iptables"));
+        auto rules = state_lines(read_state(s, "iptables"));
         if (op == "-L") {
             std::string out = "Chain FORWARD (policy ACCEPT)\n";
             out += std::string(line_numbers ? "num  " : "") +
@@ -429,7 +418,7 @@ void set_carrier(const Board &board, const std::string &name, bool link)
 
 std::vector<std::string> forward_rules(const Board &board)
 {
-    return lines_of(board.exists("/.board/iptables") ? board.read_file("/.board/iptables") : "");
+    return state_lines(board.exists("/.board/iptables") ? board.read_file("/.board/iptables") : "");
 }
 
 } // namespace vexa::sim

@@ -17,20 +17,9 @@
 namespace vexa::sim {
 namespace {
 
-std::vector<std::string> lines_of(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line))
-        if (!line.empty() && line[0] != '#')
-            lines.push_back(line);
-    return lines;
-}
-
 std::string setting(const Board::State &s, const char *file, const std::string &key)
 {
-    for (const auto &line : lines_of(read_state(s, file))) {
+    for (const auto &line : state_lines(read_state(s, file))) {
         const auto eq = line.find('=');
         if (eq != std::string::npos && line.substr(0, eq) == key)
             return line.substr(eq + 1);
@@ -64,7 +53,7 @@ std::string serve_processes(Board::State &s, const std::string &request)
     return with_board_lock(s, [&]() -> std::string {
         std::string out, kept;
         bool killed = false;
-        for (const auto &line : lines_of(read_state(s, "processes"))) {
+        for (const auto &line : state_lines(read_state(s, "processes"))) {
             bi_process_info_t p{};
             if (!parse_process(line, &p))
                 continue;
@@ -92,7 +81,7 @@ std::vector<bi_process_info_t> processes_named(Board::State &s, const char *name
     const auto reply = call_service(s, "processes", std::string("list ") + name);
     if (!reply)
         return found;
-    for (const auto &line : lines_of(*reply)) {
+    for (const auto &line : state_lines(*reply)) {
         bi_process_info_t p{};
         if (parse_process(line, &p))
             found.push_back(p);
@@ -142,7 +131,7 @@ extern "C" int hal_info_get_usb_list(char *buf, int32_t size)
         errno = EINVAL;
         return -1;
     }
-    const auto devices = lines_of(read_state(s, "usb_list"));
+    const auto devices = state_lines(read_state(s, "usb_list"));
     std::string text;
     for (const auto &d : devices)
         text += d + "\n";
@@ -200,14 +189,14 @@ extern "C" struct hal_filesystem_info *df(const char *mount_point)
     VEXA_SIM_FAULT("df", mount_point ? mount_point : "", hal_filesystem_info *);
     // The board's own mounts, then those the library made.
     std::vector<std::vector<std::string>> table;
-    for (const auto &line : lines_of(read_state(s, "fstab"))) {
+    for (const auto &line : state_lines(read_state(s, "fstab"))) {
         std::istringstream words(line);
         std::vector<std::string> f(6);
         for (auto &w : f)
             words >> w;
         table.push_back(f);
     }
-    for (const auto &line : lines_of(read_state(s, "mounts"))) {
+    for (const auto &line : state_lines(read_state(s, "mounts"))) {
         std::istringstream words(line);
         std::string src, dst, type, flags;
         words >> src >> dst >> type >> flags;
