@@ -48,7 +48,7 @@ TEST_F(NetworkTest, AClockThatNeverRunsStopsBeforeThePhy)
     double ms = elapsed_ms([&] { EXPECT_EQ(fpgaPhySgmiiConfig(), -1); });
     EXPECT_EQ(sent(kFpgaSpi, 'r').size(), 10u);
     EXPECT_GE(ms, 20.0);
-    EXPECT_LT(ms, 30.0);
+    EXPECT_LT(ms, 100.0) << "ten rounds 2 ms apart, not 10 ms";
     EXPECT_THAT(board().commands(), IsEmpty()) << "no driver, no PHY reset";
     EXPECT_THAT(errors(), ElementsAre("E/vexa_system_fw_update: fpgaPhySgmiiConfig: readFpgaSgmiiClockState failed"));
 }
