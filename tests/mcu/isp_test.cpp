@@ -127,6 +127,12 @@ struct EraseCase {
     std::vector<uint16_t> pages; // empty: a mass erase (count field 0xFFFF)
 };
 
+// Named by type and image size, so that a failing case says which one.
+void PrintTo(const EraseCase &c, std::ostream *os)
+{
+    *os << "type" << c.type << "_" << c.size << "bytes";
+}
+
 class EraseTest : public IspTest, public ::testing::WithParamInterface<EraseCase> {};
 
 TEST_P(EraseTest, PageCountFollowsTheTypeTable)
