@@ -74,6 +74,8 @@ McuModel::~McuModel()
     for (int fd : wake_)
         if (fd >= 0)
             ::close(fd);
+    if (flash_fd_ >= 0)
+        ::close(flash_fd_);
 }
 
 void McuModel::run()
@@ -534,17 +536,21 @@ void McuModel::load_flash()
 
 void McuModel::store_flash(uint32_t offset, uint32_t length)
 {
-    const int fd = ::open(flash_file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return;
-    struct stat st;
-    if (::fstat(fd, &st) == 0 && st.st_size < static_cast<off_t>(kFlashSize)) {
-        // A new flash file holds the whole erased flash.
-        (void)!::pwrite(fd, flash_.data(), kFlashSize, 0);
-    } else {
-        (void)!::pwrite(fd, flash_.data() + offset, length, offset);
+    // The file stays open from the first store on: a block costs one write,
+    // and the board's watchers see no file closed after writing on every
+    // block.
+    if (flash_fd_ < 0) {
+        flash_fd_ = ::open(flash_file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        if (flash_fd_ < 0)
+            return;
+        struct stat st;
+        if (::fstat(flash_fd_, &st) == 0 && st.st_size < static_cast<off_t>(kFlashSize)) {
+            // A new flash file holds the whole erased flash.
+            offset = 0;
+            length = kFlashSize;
+        }
     }
-    ::close(fd);
+    (void)!::pwrite(flash_fd_, flash_.data() + offset, length, offset);
 }
 
 // ---- Public state ----

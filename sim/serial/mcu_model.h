@@ -149,6 +149,7 @@ private:
     mutable std::mutex mu_;
     std::string flash_file_;
     std::vector<uint8_t> flash_;
+    int flash_fd_ = -1; // the flash file, open from the first store on
     Mode mode_ = Mode::application;
     int boot0_ = 0;
     int nrst_ = 1;
