@@ -49,8 +49,10 @@ uint8_t xor_of(const uint8_t *p, size_t n)
 
 } // namespace
 
-// The last stretch of a paced wait, spent spinning.
+// The longest last stretch of a paced wait spent spinning, and what the spin
+// adds to the timer's usual lateness.
 constexpr std::chrono::microseconds kSpin{300};
+constexpr std::chrono::microseconds kSpinMargin{10};
 
 McuModel::McuModel(std::string board_path, std::string flash_file)
     : SerialLine(std::move(board_path)), flash_file_(std::move(flash_file))
@@ -74,6 +76,8 @@ McuModel::~McuModel()
     for (int fd : wake_)
         if (fd >= 0)
             ::close(fd);
+    if (flash_fd_ >= 0)
+        ::close(flash_fd_);
 }
 
 void McuModel::run()
@@ -129,10 +133,22 @@ void McuModel::send(const std::vector<uint8_t> &bytes)
         const auto wire =
             std::chrono::nanoseconds(1000000000ull * pace_bits_ * bytes.size() / pace_baud_);
         tx_free_ = std::max({now, tx_free_, rx_free_}) + wire;
-        // Sleep until shortly before the bytes are due, then spin: a thread
-        // woken by a timer on a busy host comes late by more than the wire
-        // time of a byte, and the lateness would count as wire time.
-        std::this_thread::sleep_until(tx_free_ - kSpin);
+        // Sleep until shortly before the bytes are due, then spin: a timer
+        // wakes the thread late (an idle host's CPU takes a while to come
+        // back), and the lateness would count as wire time. The spin is as
+        // long as the timer has lately needed, no longer: a thread that
+        // spins long waits the longer for the CPU on its next wake-up when
+        // the host is busy, and the command after the reply would be taken
+        // in late.
+        const auto spin = std::min<std::chrono::nanoseconds>(kSpin, 2 * timer_late_ + kSpinMargin);
+        const auto wake = tx_free_ - spin;
+        if (wake > now) {
+            std::this_thread::sleep_until(wake);
+            const auto late = std::chrono::steady_clock::now() - wake;
+            // A running average, each wake-up's lateness counting up to the
+            // longest spin.
+            timer_late_ += (std::min<std::chrono::nanoseconds>(late, kSpin) - timer_late_) / 16;
+        }
         while (std::chrono::steady_clock::now() < tx_free_) {
         }
     }
@@ -534,17 +550,21 @@ void McuModel::load_flash()
 
 void McuModel::store_flash(uint32_t offset, uint32_t length)
 {
-    const int fd = ::open(flash_file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return;
-    struct stat st;
-    if (::fstat(fd, &st) == 0 && st.st_size < static_cast<off_t>(kFlashSize)) {
-        // A new flash file holds the whole erased flash.
-        (void)!::pwrite(fd, flash_.data(), kFlashSize, 0);
-    } else {
-        (void)!::pwrite(fd, flash_.data() + offset, length, offset);
+    // The file stays open from the first store on: a block costs one write,
+    // and the board's watchers see no file closed after writing on every
+    // block.
+    if (flash_fd_ < 0) {
+        flash_fd_ = ::open(flash_file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        if (flash_fd_ < 0)
+            return;
+        struct stat st;
+        if (::fstat(flash_fd_, &st) == 0 && st.st_size < static_cast<off_t>(kFlashSize)) {
+            // A new flash file holds the whole erased flash.
+            offset = 0;
+            length = kFlashSize;
+        }
     }
-    ::close(fd);
+    (void)!::pwrite(flash_fd_, flash_.data() + offset, length, offset);
 }
 
 // ---- Public state ----

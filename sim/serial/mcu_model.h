@@ -149,6 +149,7 @@ private:
     mutable std::mutex mu_;
     std::string flash_file_;
     std::vector<uint8_t> flash_;
+    int flash_fd_ = -1; // the flash file, open from the first store on
     Mode mode_ = Mode::application;
     int boot0_ = 0;
     int nrst_ = 1;
@@ -185,6 +186,8 @@ private:
     unsigned pace_bits_ = 10;
     std::chrono::steady_clock::time_point rx_free_{};
     std::chrono::steady_clock::time_point tx_free_{};
+    // How late the pacing timer has lately woken the thread.
+    std::chrono::nanoseconds timer_late_{std::chrono::microseconds(50)};
     uint64_t bytes_in_ = 0;
     uint64_t bytes_out_ = 0;
 

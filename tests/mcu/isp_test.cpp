@@ -1,6 +1,7 @@
 // The ROM-bootloader flasher against the MCU model's bootloader.
 #include <stdlib.h>
 
+#include <chrono>
 #include <filesystem>
 
 #include "mcu_fixture.h"
@@ -196,6 +197,29 @@ TEST_F(IspTest, ReadBackReturnsWhatWasWritten)
     std::vector<uint8_t> back(700);
     EXPECT_EQ(readmemory_4mcu(MCU_ISP_FLASH_BASE, back.data(), 700), 0);
     EXPECT_TRUE(bytes(back) == image);
+    mcu_serial_close();
+    mcu_isp_close();
+}
+
+// On a line paced like the real UART, every byte both ways takes its wire
+// time: a block's exchange never ends sooner than its 268 bytes allow.
+TEST_F(IspTest, PacedLineTakesTheWireTimeOfEveryByte)
+{
+    ASSERT_EQ(mcu_serial_init("/dev/ttyS9", 115200, 8, 1, 'O'), 0);
+    mcu_isp_init();
+    ASSERT_EQ(ack_startisp(), 0);
+    mcu().pace(115200, 11);
+    const std::string image = image_of(512, 4);
+    const uint64_t before = mcu().bytes_in() + mcu().bytes_out();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(writememory_2mcu(MCU_ISP_FLASH_BASE, reinterpret_cast<const uint8_t *>(image.data()), 512), 0);
+    const auto took_us =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start).count();
+    const uint64_t exchanged = mcu().bytes_in() + mcu().bytes_out() - before;
+    EXPECT_EQ(exchanged, 2u * (2 + 1 + 5 + 1 + 1 + 256 + 1 + 1));
+    EXPECT_GE(static_cast<uint64_t>(took_us), exchanged * 11 * 1000000 / 115200);
+    EXPECT_TRUE(bytes(mcu().flash(512)) == image);
+    mcu().pace(0, 0);
     mcu_serial_close();
     mcu_isp_close();
 }
