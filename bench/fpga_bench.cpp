@@ -11,6 +11,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstdio>
@@ -82,10 +83,16 @@ private:
     int saved_;
 };
 
+// The best ratio of the runs so far: on a busy host a late wake-up of any
+// thread on the path counts as time, and the best run shows the library's
+// and the board's own cost.
+double g_best = 0;
+
 void report(const char *what, double total, double fixed, const std::string &parts)
 {
     std::printf("%-28s total %8.1f ms   fixed waits %8.1f ms (%s)   ratio %.3f\n", what, total, fixed,
                 parts.c_str(), total / fixed);
+    g_best = g_best == 0 ? total / fixed : std::min(g_best, total / fixed);
 }
 
 void pz50pro_boot(int run)
@@ -151,7 +158,10 @@ int main()
                 load[0]);
     for (int run = 1; run <= 3; ++run)
         pz50pro_boot(run);
+    const double best_boot = g_best;
+    g_best = 0;
     for (int run = 1; run <= 3; ++run)
         udp_transfer(run);
+    std::printf("best of 3 runs: pz50pro boot %.3f, UDP parameters %.3f\n", best_boot, g_best);
     return 0;
 }
