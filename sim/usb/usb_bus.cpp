@@ -51,7 +51,8 @@ std::vector<uint8_t> simple_descriptors(uint16_t vendor, uint16_t product, uint8
     return d;
 }
 
-struct DeviceSpec {
+// A device the bus lists: its sysfs place, address and descriptors.
+struct BusDevice {
     std::string name;   // sysfs name: usbB for a root hub, B-P for a device
     std::string parent; // name of the parent, "" for a root hub
     int bus, devnum;
@@ -85,7 +86,7 @@ public:
     explicit UsbBus(const Board &board) : board_root_(board.root()), testbed_(umockdev_testbed_new())
     {
         const UsbSettings settings = parse_usb_settings(board.exists(kSettings) ? board.read_file(kSettings) : "");
-        std::vector<DeviceSpec> devices;
+        std::vector<BusDevice> devices;
         if (settings.other_devices) {
             for (int bus : {1, 3, 5}) {
                 const uint16_t hub = bus == 5 ? 0x0003 : 0x0002;
@@ -98,10 +99,10 @@ public:
                                simple_descriptors(0x0781, 0x5583, 0, 8, 6, 0x50,
                                                   {{0x81, 2, 512, 0}, {0x02, 2, 512, 0}})});
         }
-        for (const auto &spec : devices) {
+        for (const auto &dev : devices) {
             // The bulk device takes the place of another device at its address.
-            if (!settings.present || spec.bus != settings.bus || spec.devnum != settings.address)
-                add(spec, true);
+            if (!settings.present || dev.bus != settings.bus || dev.devnum != settings.address)
+                add(dev, true);
         }
         if (settings.present) {
             // Port 2 of its bus's root hub, when the bus has one.
@@ -140,24 +141,24 @@ public:
     std::shared_ptr<BulkDevice> device() const { return device_; }
 
 private:
-    void add(const DeviceSpec &spec, bool with_node)
+    void add(const BusDevice &dev, bool with_node)
     {
-        const std::string parent = spec.parent.empty() ? "" : syspaths_[spec.parent];
-        const std::string node = devnode(spec.bus, spec.devnum);
+        const std::string parent = dev.parent.empty() ? "" : syspaths_[dev.parent];
+        const std::string node = devnode(dev.bus, dev.devnum);
         const std::string bus3 = node.substr(13, 3), dev3 = node.substr(17, 3);
-        const int minor = (spec.bus - 1) * 128 + spec.devnum - 1;
-        const bool configured = spec.descriptors[17] > 0;
+        const int minor = (dev.bus - 1) * 128 + dev.devnum - 1;
+        const bool configured = dev.descriptors[17] > 0;
         gchar *syspath = umockdev_testbed_add_device(
-            testbed_.get(), "usb", spec.name.c_str(), parent.empty() ? nullptr : parent.c_str(),
-            "busnum", line(spec.bus).c_str(), "devnum", line(spec.devnum).c_str(), "speed", "480\n",
+            testbed_.get(), "usb", dev.name.c_str(), parent.empty() ? nullptr : parent.c_str(),
+            "busnum", line(dev.bus).c_str(), "devnum", line(dev.devnum).c_str(), "speed", "480\n",
             "bConfigurationValue", configured ? "1\n" : "\n", "dev", ("189:" + line(minor)).c_str(),
-            "devpath", (spec.parent.empty() ? "0\n" : spec.name.substr(spec.name.find('-') + 1) + "\n").c_str(),
+            "devpath", (dev.parent.empty() ? "0\n" : dev.name.substr(dev.name.find('-') + 1) + "\n").c_str(),
             nullptr, "DEVNAME", node.c_str(), "DEVTYPE", "usb_device", "BUSNUM", bus3.c_str(), "DEVNUM",
-            dev3.c_str(), "PRODUCT", ids(spec.descriptors).c_str(), nullptr);
-        std::vector<uint8_t> descriptors = spec.descriptors;
+            dev3.c_str(), "PRODUCT", ids(dev.descriptors).c_str(), nullptr);
+        std::vector<uint8_t> descriptors = dev.descriptors;
         umockdev_testbed_set_attribute_binary(testbed_.get(), syspath, "descriptors", descriptors.data(),
                                               static_cast<gint>(descriptors.size()));
-        syspaths_[spec.name] = syspath;
+        syspaths_[dev.name] = syspath;
         g_free(syspath);
         // libusb opens the node; umockdev serves it when a model is
         // attached, and a plain file otherwise.
