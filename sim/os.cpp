@@ -4,14 +4,12 @@
 #include "platform/os.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -19,6 +17,7 @@
 #include <type_traits>
 
 #include "sim/host.h"
+#include "sim/precise_wait.h"
 #include "sim/state.h"
 #include "sim/wire.h"
 
@@ -482,26 +481,9 @@ void sleep_us(uint64_t us)
         return;
     }
     // The board's timer keeps its sleeps to the microsecond, as the
-    // device's does: a host's timer wakes a thread late by a tenth of a
-    // millisecond or more, which would stretch every fixed wait of a
-    // protocol. The thread sleeps until shortly before the end, as long as
-    // the timer has lately been late, and spends the rest yielding.
-    static std::atomic<uint64_t> late_ns{100000};
-    const uint64_t deadline = real_monotonic_ns() + us * 1000;
-    const uint64_t margin = std::min<uint64_t>(2 * late_ns.load(std::memory_order_relaxed) + 20000, 500000);
-    if (us * 1000 > margin) {
-        const uint64_t wake = deadline - margin;
-        const struct timespec at = {static_cast<time_t>(wake / 1000000000u),
-                                    static_cast<long>(wake % 1000000000u)};
-        while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) == EINTR) {
-        }
-        const uint64_t woke = real_monotonic_ns();
-        const uint64_t late = woke > wake ? woke - wake : 0;
-        const uint64_t before = late_ns.load(std::memory_order_relaxed);
-        late_ns.store((7 * before + std::min<uint64_t>(late, 1000000)) / 8, std::memory_order_relaxed);
-    }
-    while (real_monotonic_ns() < deadline)
-        ::sched_yield();
+    // device's does, so a protocol's fixed waits are not stretched.
+    static sim::PreciseWait wait;
+    wait.until(std::chrono::steady_clock::now() + std::chrono::microseconds(us));
 }
 
 uint64_t monotonic_ns()

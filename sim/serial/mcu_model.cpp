@@ -49,11 +49,6 @@ uint8_t xor_of(const uint8_t *p, size_t n)
 
 } // namespace
 
-// The longest last stretch of a paced wait spent spinning, and what the spin
-// adds to the timer's usual lateness.
-constexpr std::chrono::microseconds kSpin{300};
-constexpr std::chrono::microseconds kSpinMargin{10};
-
 McuModel::McuModel(std::string board_path, std::string flash_file)
     : SerialLine(std::move(board_path)), flash_file_(std::move(flash_file))
 {
@@ -133,24 +128,9 @@ void McuModel::send(const std::vector<uint8_t> &bytes)
         const auto wire =
             std::chrono::nanoseconds(1000000000ull * pace_bits_ * bytes.size() / pace_baud_);
         tx_free_ = std::max({now, tx_free_, rx_free_}) + wire;
-        // Sleep until shortly before the bytes are due, then spin: a timer
-        // wakes the thread late (an idle host's CPU takes a while to come
-        // back), and the lateness would count as wire time. The spin is as
-        // long as the timer has lately needed, no longer: a thread that
-        // spins long waits the longer for the CPU on its next wake-up when
-        // the host is busy, and the command after the reply would be taken
-        // in late.
-        const auto spin = std::min<std::chrono::nanoseconds>(kSpin, 2 * timer_late_ + kSpinMargin);
-        const auto wake = tx_free_ - spin;
-        if (wake > now) {
-            std::this_thread::sleep_until(wake);
-            const auto late = std::chrono::steady_clock::now() - wake;
-            // A running average, each wake-up's lateness counting up to the
-            // longest spin.
-            timer_late_ += (std::min<std::chrono::nanoseconds>(late, kSpin) - timer_late_) / 16;
-        }
-        while (std::chrono::steady_clock::now() < tx_free_) {
-        }
+        // The bytes leave when their wire time is up, not when a late timer
+        // gets round to them.
+        pacer_.until(tx_free_);
     }
     size_t done = 0;
     while (done < bytes.size() && !stop_) {

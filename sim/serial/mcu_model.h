@@ -39,6 +39,7 @@
 #include <thread>
 #include <vector>
 
+#include "sim/precise_wait.h"
 #include "sim/serial/serial_line.h"
 
 namespace vexa::sim {
@@ -186,8 +187,7 @@ private:
     unsigned pace_bits_ = 10;
     std::chrono::steady_clock::time_point rx_free_{};
     std::chrono::steady_clock::time_point tx_free_{};
-    // How late the pacing timer has lately woken the thread.
-    std::chrono::nanoseconds timer_late_{std::chrono::microseconds(50)};
+    PreciseWait pacer_;
     uint64_t bytes_in_ = 0;
     uint64_t bytes_out_ = 0;
 
