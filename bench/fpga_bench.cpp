@@ -151,10 +151,12 @@ double udp_transfer(int run)
 int pin_to_one_cpu()
 {
     const int cpu = sched_getcpu();
+    if (cpu < 0)
+        return -1;
     cpu_set_t one;
     CPU_ZERO(&one);
     CPU_SET(cpu, &one);
-    return cpu >= 0 && sched_setaffinity(0, sizeof one, &one) == 0 ? cpu : -1;
+    return sched_setaffinity(0, sizeof one, &one) == 0 ? cpu : -1;
 }
 
 } // namespace
