@@ -1035,6 +1035,6 @@ uint64_t Board::now_ns() const
            static_cast<uint64_t>(state_->clock_offset_ns.load());
 }
 
-void Board::advance_clock(uint64_t ns) const { state_->clock_offset_ns += static_cast<int64_t>(ns); }
+void Board::advance_clock(uint64_t ns) const { advance_board_clock(*state_, ns); }
 
 } // namespace vexa::sim

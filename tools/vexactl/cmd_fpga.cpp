@@ -366,10 +366,9 @@ constexpr const char *kKnobFile = "/.board/fpga.conf";
 
 int run_knob(Context &ctx, const Args &args)
 {
-    const auto &keys = vexa::sim::fpga_knob_keys();
-    auto known = [&keys](const std::string &key) {
-        for (auto &k : keys)
-            if (k.first == key)
+    auto known = [](const std::string &key) {
+        for (auto &k : vexa::sim::fpga_knobs())
+            if (k.key == key)
                 return true;
         return false;
     };
@@ -457,8 +456,8 @@ std::string fpga_help()
         "card     reads LEN bytes of, or writes HEXBYTES to, the receiving cards of PORT\n"
         "         at register ADDR (qr5plus and qr-card families).\n"
         "knob     shows, or sets (KEY=VALUE) or clears (KEY=), the FPGA model's knobs:\n";
-    for (auto &[key, values] : vexa::sim::fpga_knob_keys())
-        help += "           " + key + "=" + values + "\n";
+    for (auto &k : vexa::sim::fpga_knobs())
+        help += std::string("           ") + k.key + "=" + k.values + "\n";
     help += "\nThe family comes from the module id (8470, 8475, 8476, 8478: pz50pro; 4374:\n"
             "hcu900pro) or the product name (QR3PLUS, QR5PLUS: qr5plus; QR1, QR2: qr-card;\n"
             "PZ2K: pz2k; others: qrxx); --family chooses another.";
