@@ -7,6 +7,7 @@
 
 #include "platform/os.h"
 #include "tools/vexactl/command.h"
+#include "tools/vexactl/progress.h"
 #include "vexasdk/product_config.h"
 #include "vexasdk/storage.h"
 
@@ -66,7 +67,11 @@ int run_rescue(Context &ctx, const Args &args)
     ctx.board();
     const std::string &verb = args[0];
     if (verb == "backup" && args.size() == 1) {
-        const int32_t rc = bi_rescue_backup_data();
+        int32_t rc;
+        {
+            Progress bar(ctx, "backup", 0, ""); // the partition is mounted with waits of a second
+            rc = bi_rescue_backup_data();
+        }
         if (rc != 0)
             return fail("backup failed (%d); see 'vexactl log'", rc);
         if (ctx.json) {
@@ -83,7 +88,11 @@ int run_rescue(Context &ctx, const Args &args)
         // not restore (the screen parameters' file, a settings file that
         // does not parse) is only in its log, so it is told here.
         ErrorWatch watch(ctx.board(), "vexa_system_bi_rescue");
-        const int32_t rc = bi_rescue_restore_data();
+        int32_t rc;
+        {
+            Progress bar(ctx, "restore", 0, "");
+            rc = bi_rescue_restore_data();
+        }
         if (rc != 0)
             return fail("restore failed (%d); see 'vexactl log'", rc);
         for (const auto &record : watch.seen())
