@@ -112,7 +112,8 @@ Board::State::State() = default;
 
 Board::State::~State()
 {
-    // The host's threads call into the models: they stop first.
+    // The host's threads and the timers call into the models: they stop first.
+    timers.stop();
     host.reset();
     link.reset();
     if (temporary) {

@@ -11,17 +11,18 @@
 
 namespace vexa::sim {
 
-BoardTimers::~BoardTimers()
+void BoardTimers::stop()
 {
     {
         std::lock_guard<std::mutex> lock(mu_);
         stop_ = true;
+        timers_.clear();
     }
     wake_.notify_all();
     if (!thread_.joinable())
         return;
     // A forked child has a copy of the parent's handle but not its thread.
-    if (thread_pid_ == ::getpid())
+    if (thread_pid_ == ::getpid() && thread_.get_id() != std::this_thread::get_id())
         thread_.join();
     else
         thread_.detach();
@@ -31,6 +32,8 @@ uint64_t BoardTimers::add(uint64_t at_ns, std::function<void()> fn, const Now &n
                           const std::function<bool()> &fast)
 {
     std::lock_guard<std::mutex> lock(mu_);
+    if (stop_)
+        return 0;
     const uint64_t id = next_id_++;
     timers_.emplace(at_ns, std::make_pair(id, std::move(fn)));
     if (!thread_.joinable() || thread_pid_ != ::getpid()) {

@@ -40,13 +40,13 @@ namespace vexa::sim {
 class BoardTimers {
 public:
     BoardTimers() = default;
-    ~BoardTimers();
+    ~BoardTimers() { stop(); }
     BoardTimers(const BoardTimers &) = delete;
     BoardTimers &operator=(const BoardTimers &) = delete;
 
     using Now = std::function<uint64_t()>;
     // Calls fn once the clock `now` reaches at; returns the timer's id
-    // (never 0). In real time (fast() false) the board's timer thread
+    // (0 once stopped: the timer is dropped). In real time (fast() false) the board's timer thread
     // calls it; with a fast clock (whose timers count the board's sleeps,
     // not `now`) the thread that sleeps past it.
     uint64_t add(uint64_t at, std::function<void()> fn, const Now &now, const std::function<bool()> &fast);
@@ -61,6 +61,8 @@ public:
     // The clock moved by other means than time passing (a fast clock's
     // switch, an advance in real time): the timer thread looks again.
     void poke();
+    // Drops every timer and ends the thread (a board going away).
+    void stop();
 
 private:
     void run(Now now, std::function<bool()> fast);

@@ -30,7 +30,6 @@ namespace vexa::sim {
 
 namespace {
 
-constexpr const char *kConf = "/.board/fpga.conf";
 constexpr const char *kStateFile = "/.board/fpga/state";
 constexpr const char *kProgramFile = "/.board/fpga/program.bin";
 constexpr const char *kCardsFile = "/.board/fpga/cards";
@@ -125,38 +124,7 @@ const uint8_t kStatusInForce[] = {0, 3, 0, 1}; // bytes 22-25
 
 // ---- knobs ----
 
-const std::vector<FpgaKnob> &fpga_knobs()
-{
-    static const std::vector<FpgaKnob> knobs = {
-        {"done", "normal|never|stuck_high", "the done pin rises as the FPGA configures, never, or is stuck high"},
-        {"spi", "ok|fail", "every SPI transfer fails with EIO"},
-        {"spi_bufsiz", "BYTES", "the SPI drivers' buffer (53248); a longer transfer fails with EMSGSIZE"},
-        {"cards", "N|N,N,N,N", "receiving cards on every port, or on ports 0-3 (2; 0: absent)"},
-        {"silent_ports", "P,P,...", "the cards of these ports never answer"},
-        {"sgmii_clock", "ok|never", "the SGMII clock state never reaches 1"},
-        {"negotiation", "ok|never", "SGMII auto-negotiation never completes"},
-        {"phy_link", "auto|up|down", "force the PHY's link"},
-        {"tag_update", "ok|stuck", "an SPI update leaves the old program (and tag)"},
-        {"source_mode", "0xNN", "the source mode byte (0x48; 0x58 'X': no source)"},
-        {"source", "hdmi|dvi|none", "which input the UDP registers call stable"},
-        {"ddr", "good|bad|recovers", "the DDR never calibrates, or does after a DDR reset"},
-        {"status", "ok|never", "the link status record never shows ready"},
-        {"net_outputs", "ok|stuck", "the Ethernet outputs never come on"},
-        {"udp", "ok|silent", "the UDP link never answers"},
-        {"mtd_cut", "BYTES", "mtd_debug write stops after BYTES, failing"},
-        {"config_ms", "MS", "configuration from the flash (458: XC7K325T, SPI x4 at 50 MHz)"},
-        {"erase_ms", "MS", "a 64 KiB flash block erase (150: W25Q128JV)"},
-        {"page_program_ms", "MS", "a 256-byte flash page program (0.4: W25Q128JV)"},
-        {"negotiation_ms", "MS", "SGMII auto-negotiation (3.2: two 1.6 ms link timers)"},
-        {"card_reply_ms", "MS", "a receiving card's reply to a read (33: the next frame at 60 Hz)"},
-    };
-    return knobs;
-}
-
-namespace {
-
-// A duration in ms (fractions taken), up to a minute, in ns.
-bool parse_ms(const std::string &text, uint64_t *ns)
+bool parse_fpga_ms(const std::string &text, uint64_t *ns)
 {
     if (text.empty())
         return false;
@@ -168,8 +136,6 @@ bool parse_ms(const std::string &text, uint64_t *ns)
     *ns = uint64_t(ms * 1e6 + 0.5);
     return true;
 }
-
-} // namespace
 
 FpgaKnobs parse_fpga_knobs(const std::string &text)
 {
@@ -244,15 +210,15 @@ FpgaKnobs parse_fpga_knobs(const std::string &text)
         } else if (key == "mtd_cut" && parse_number(value, &n) && n >= 0) {
             k.mtd_cut = n;
         } else if (key == "config_ms") {
-            parse_ms(value, &k.config_ns);
+            parse_fpga_ms(value, &k.config_ns);
         } else if (key == "erase_ms") {
-            parse_ms(value, &k.erase_ns);
+            parse_fpga_ms(value, &k.erase_ns);
         } else if (key == "page_program_ms") {
-            parse_ms(value, &k.page_program_ns);
+            parse_fpga_ms(value, &k.page_program_ns);
         } else if (key == "negotiation_ms") {
-            parse_ms(value, &k.negotiation_ns);
+            parse_fpga_ms(value, &k.negotiation_ns);
         } else if (key == "card_reply_ms") {
-            parse_ms(value, &k.card_reply_ns);
+            parse_fpga_ms(value, &k.card_reply_ns);
         }
     }
     return k;
@@ -310,17 +276,15 @@ FpgaModel::~FpgaModel()
 
 FpgaKnobs FpgaModel::knobs() const
 {
-    // Read again whenever the file changed.
-    struct stat st {};
-    const bool present = ::stat((root_ + kConf).c_str(), &st) == 0;
-    const std::string stamp = present ? std::to_string(st.st_mtim.tv_sec) + "." +
-                                            std::to_string(st.st_mtim.tv_nsec) + "." +
-                                            std::to_string(st.st_size) + "." + std::to_string(st.st_ino)
-                                      : "";
+    // The board's "fpga.KEY" knobs, parsed again whenever one changed.
+    std::string text;
+    if (auto s = state_.lock())
+        for (const FpgaKnob &k : fpga_knobs())
+            text += k.key + "=" + knob_value(*s, "fpga." + k.key) + "\n";
     std::lock_guard<std::mutex> lock(knobs_mu_);
-    if (stamp != knobs_stamp_ || stamp.empty()) {
-        knobs_ = parse_fpga_knobs(present ? read_host(root_ + kConf) : "");
-        knobs_stamp_ = stamp;
+    if (text != knobs_stamp_) {
+        knobs_ = parse_fpga_knobs(text);
+        knobs_stamp_ = text;
     }
     return knobs_;
 }

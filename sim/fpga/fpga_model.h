@@ -59,10 +59,11 @@
 // handshake: the card answers in the frame after the request, at the 60 Hz
 // of the card chain.
 //
-// Settings and fault knobs: ROOT/.board/fpga.conf, "key=value" lines, read
-// whenever the model needs them, so any process (vexactl fpga knob) can set
-// them; fpga_knobs() lists them with their help. The timings are knobs too
-// (config_ms, erase_ms, page_program_ms, negotiation_ms, card_reply_ms).
+// Settings and fault knobs: the board's knobs "fpga.KEY" (Board::knob;
+// fpga_knobs() lists them), read whenever the model needs them, so any
+// process (vexactl board fault, or vexactl fpga knob) can set them. The
+// timings are knobs too (config_ms, erase_ms, page_program_ms,
+// negotiation_ms, card_reply_ms).
 //
 // State that other processes see lives in the board folder: the done line,
 // the flash, ROOT/.board/fpga/program.bin (the running program),
@@ -123,15 +124,20 @@ struct FpgaKnobs {
     uint64_t negotiation_ns = 3200000;  // SGMII auto-negotiation
     uint64_t card_reply_ns = 33000000;  // a receiving card's reply
 };
-// The knobs of a fpga.conf text; unknown keys and bad values are ignored.
+// The knobs of a "KEY=VALUE" a line text; unknown keys and bad values are ignored.
 FpgaKnobs parse_fpga_knobs(const std::string &text);
-// The keys fpga.conf takes: the key, its values and a line of help.
+// The FPGA's knobs, "fpga.KEY" on the board (sim/fpga/fpga_knobs.cpp
+// registers them): the key, the values it takes, its value while none is
+// set, a line of help, and the check of a value that is not one of the
+// words of `takes`.
 struct FpgaKnob {
-    const char *key;
-    const char *values;
-    const char *help;
+    std::string key, takes, initial, help;
+    Knob::Check check;
 };
 const std::vector<FpgaKnob> &fpga_knobs();
+// A duration in ms (fractions taken, up to a minute), in ns: false for
+// anything else.
+bool parse_fpga_ms(const std::string &text, uint64_t *ns);
 
 // Programs of the default board: 1 runs on it and is in its flash and
 // program partition, 2 is the newer one in "/vendor/etc/fpga/fpga_fw.bin"
