@@ -123,14 +123,12 @@ VEXA_SIM_ATTACHER(system_files)
                 status = 1 << 8;
                 continue;
             }
-            std::ifstream in(s->host_path(path), std::ios::binary);
-            if (!in) {
+            const auto contents = s->folder().read(path);
+            if (!contents) {
                 status = 1 << 8;
                 continue;
             }
-            std::ostringstream all;
-            all << in.rdbuf();
-            text += all.str();
+            text += *contents;
         }
         const auto out = run_filters(text, stages);
         if (!out)

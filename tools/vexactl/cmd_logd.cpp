@@ -73,10 +73,8 @@ int compress(Context &ctx, const std::string &dir, const std::string &archive)
     const bool to_stdout = archive == "-";
     const std::string target = to_stdout ? "/data/local/tmp/vexactl-logd-" + std::to_string(::getpid()) + ".tgz"
                                           : archive;
-    if (to_stdout) {
-        std::error_code ec;
-        std::filesystem::create_directories(ctx.board().host_path("/data/local/tmp"), ec);
-    }
+    if (to_stdout)
+        ctx.board().folder().make_dirs("/data/local/tmp");
     if (dir == "/syslog/logs" && isatty(STDERR_FILENO))
         std::fprintf(stderr, "telling the video and display tools to stop (2 s)...\n");
     const int32_t rc = bi_vexa_logd_compress(dir.c_str(), target.c_str());
