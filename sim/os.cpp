@@ -475,7 +475,7 @@ int umount(const char *target)
         bool found = false;
         while (std::getline(in, l)) {
             const auto record = sim::mount_records(l);
-            if (!found && target && !record.empty() && record[0].target == dst) {
+            if (!found && target && !record.empty() && sim::Folder::normal(record[0].target) == dst) {
                 found = true;
                 if (auto handler = sim::mount_handler_of(s, record[0].source);
                     handler && handler(record[0].source, dst, false) != 0)
