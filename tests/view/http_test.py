@@ -162,6 +162,10 @@ def check_pages_follow(view):
     finally:
         for page in pages:
             page.close()
+    # The view's own reads of the board leave nothing in the board's log.
+    records = json.loads(view.ctl("--json", "log").stdout)
+    assert records, "the board's log is empty"
+    assert not [r for r in records if r["pid"] == view.proc.pid], "the view logged its reads"
 
 
 def main():

@@ -17,6 +17,7 @@
 #include "sim/serial/serial_line.h"
 #include "tools/vexactl/controls.h"
 #include "tools/view/knobs.h"
+#include "tools/view/quiet_log.h"
 #include "vexasdk/Ubootenv.h"
 #include "vexasdk/display.h"
 #include "vexasdk/peripherals.h"
@@ -109,6 +110,7 @@ std::vector<std::string> env_names(Ubootenv &store)
 
 Reader::Reader(vexa::sim::Board &board) : board_(board)
 {
+    QuietLog quiet;
     reload_config();
 }
 

@@ -27,6 +27,7 @@
 #include "tools/view/hub.h"
 #include "tools/view/knobs.h"
 #include "tools/view/page.h"
+#include "tools/view/quiet_log.h"
 #include "tools/view/reader.h"
 #include "tools/view/request.h"
 #include "vexasdk/product_config.h"
@@ -126,6 +127,7 @@ public:
     {
         {
             std::lock_guard<std::mutex> lock(g_library);
+            vexa::view::QuietLog quiet;
             for (auto &[name, json] : reader_.sections())
                 hub_.section(name, json);
             hub_.log(reader_.new_log(Hub::kLogKept));
@@ -211,6 +213,7 @@ private:
                 std::this_thread::sleep_for(kMinGap - since);
         }
         std::lock_guard<std::mutex> lock(g_library);
+        vexa::view::QuietLog quiet;
         if (config)
             reader_.reload_config();
         if (all) {
