@@ -77,8 +77,8 @@ int compress(Context &ctx, const std::string &dir, const std::string &archive)
         std::error_code ec;
         std::filesystem::create_directories(ctx.board().host_path("/data/local/tmp"), ec);
     }
-    if (dir == "/syslog/logs" && isatty(STDERR_FILENO))
-        std::fprintf(stderr, "telling the video and display tools to stop (2 s)...\n");
+    if (dir == "/syslog/logs")
+        say(ctx, "telling the video and display tools to stop (2 s)...");
     const int32_t rc = bi_vexa_logd_compress(dir.c_str(), target.c_str());
     if (rc != 0)
         return fail("compress refused (%d); see 'vexactl log'", rc);

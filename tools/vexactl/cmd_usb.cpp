@@ -129,7 +129,7 @@ bool with_board_usb(Context &ctx)
     if (vexa::sim::usb_preloaded())
         return true;
     std::fflush(ctx.out);
-    ::dup2(fileno(ctx.out), STDOUT_FILENO);
+    restore_standard_streams();
     return vexa::sim::preload_usb();
 }
 
