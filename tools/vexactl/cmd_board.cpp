@@ -62,8 +62,9 @@ int run_view(Context &ctx)
     const std::string port = std::to_string(ctx.number("port").value_or(0));
     const std::string listen = ctx.text("listen").value_or("127.0.0.1");
     std::fflush(ctx.out);
-    // The view prints its address on vexactl's own standard output.
-    ::dup2(fileno(ctx.out), STDOUT_FILENO);
+    // The view prints its address and its messages on vexactl's own
+    // standard output and standard error.
+    restore_standard_streams();
     const char *argv[] = {program.c_str(), "--board", dir.c_str(), "--port", port.c_str(), "--listen",
                           listen.c_str(), nullptr};
     ::execv(program.c_str(), const_cast<char *const *>(argv));
