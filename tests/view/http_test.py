@@ -178,6 +178,10 @@ def main():
         check_page_limit(view)
     with View(vexactl) as view:
         check_pages_follow(view)
+    with View(vexactl, ["--json"]) as view:
+        first = json.loads(view.url)
+        assert first["url"].startswith("http://127.0.0.1:%d/?token=" % first["port"]), first
+        assert len(first["token"]) == 32 and first["url"].endswith(first["token"]), first
     with View(vexactl, ["--listen", "0.0.0.0"]) as view:
         assert view.url.startswith("http://127.0.0.1:"), view.url
         assert view.request("GET", "/state")[0] == 200

@@ -24,7 +24,7 @@ class View:
             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.url = self._first_line(20)
         self.base = self.url.split("/?")[0]
-        self.token = self.url.split("token=")[1]
+        self.token = self.url.split("token=")[1][:32]
 
     def _first_line(self, seconds):
         deadline = time.monotonic() + seconds

@@ -53,8 +53,6 @@ std::string view_program()
 // what it brings load only for this command.
 int run_view(Context &ctx)
 {
-    if (ctx.json)
-        throw UsageError("view prints an address, not JSON");
     const std::string program = view_program();
     if (program.empty())
         return fail("the board's view is not installed (vexaboard-view; set VEXA_BOARD_VIEW to its path)");
@@ -66,7 +64,7 @@ int run_view(Context &ctx)
     // standard output and standard error.
     restore_standard_streams();
     const char *argv[] = {program.c_str(), "--board", dir.c_str(), "--port", port.c_str(), "--listen",
-                          listen.c_str(), nullptr};
+                          listen.c_str(), ctx.json ? "--json" : nullptr, nullptr};
     ::execv(program.c_str(), const_cast<char *const *>(argv));
     return fail("cannot run %s: %s", program.c_str(), std::strerror(errno));
 }
@@ -110,12 +108,13 @@ VEXACTL_COMMAND(board, {"board", "serve [--seconds N] | view [--port N] [--liste
                         "and the MCU line's board side, where stm32flash sits in the SoC's seat (the\n"
                         "MCU model answers there). Runs until interrupted, or for --seconds.\n\n"
                         "view serves a live page of the board and prints its address (with this\n"
-                        "run's token) as the first line, then serves until interrupted: lamps,\n"
-                        "relays, switches and inputs (a click drives an input), the fan, ADC, RTC\n"
-                        "alarms, watchdog, MCU, FPGA, serial consoles, display timing, the U-Boot\n"
-                        "environment, the log and the fault knobs, changed within a second of any\n"
-                        "process changing the board. It listens on 127.0.0.1 only, on a free port\n"
-                        "unless --port names one; --listen ADDR widens it (with a warning).",
+                        "run's token) as the first line (with --json: {\"url\", \"port\", \"token\"}),\n"
+                        "then serves until interrupted: lamps, relays, switches and inputs (a click\n"
+                        "drives an input), the fan, ADC, RTC alarms, watchdog, MCU, FPGA, serial\n"
+                        "consoles, display timing, the U-Boot environment, the log and the fault\n"
+                        "knobs, changed within a second of any process changing the board. It\n"
+                        "listens on 127.0.0.1 only, on a free port unless --port names one;\n"
+                        "--listen ADDR widens it (with a warning).",
                         run_board,
                         {number("seconds", "N", 0, 86400 * 365, "serve: serve for N seconds, then leave"),
                          number("port", "N", 0, 65535, "view: the port (default: a free one)"),

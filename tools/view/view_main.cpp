@@ -4,7 +4,7 @@
 // event; what a page asks of the board comes as a POST that carries the
 // run's token.
 //
-//   vexaboard-view --board DIR [--port N] [--listen ADDR]
+//   vexaboard-view --board DIR [--port N] [--listen ADDR] [--json]
 //
 // The first line of standard output is the page's address with its token.
 #include <signal.h>
@@ -84,12 +84,17 @@ struct Options {
     std::string board;
     int port = 0;
     std::string listen = "127.0.0.1";
+    bool json = false;
 };
 
 bool parse_options(int argc, char **argv, Options *options)
 {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
+        if (arg == "--json") {
+            options->json = true;
+            continue;
+        }
         if (i + 1 >= argc)
             return false;
         if (arg == "--board")
@@ -349,7 +354,7 @@ int main(int argc, char **argv)
 {
     Options options;
     if (!parse_options(argc, argv, &options)) {
-        std::fprintf(stderr, "usage: vexaboard-view --board DIR [--port N] [--listen ADDR]\n");
+        std::fprintf(stderr, "usage: vexaboard-view --board DIR [--port N] [--listen ADDR] [--json]\n");
         return 2;
     }
     // Signals are taken by the main thread alone, so every thread started
@@ -379,7 +384,12 @@ int main(int argc, char **argv)
             return 1;
         }
         serve(view, server, port, options.listen);
-        std::printf("http://%s:%d/?token=%s\n", url_host(options.listen).c_str(), port, view.token().c_str());
+        const std::string url =
+            "http://" + url_host(options.listen) + ":" + std::to_string(port) + "/?token=" + view.token();
+        if (options.json)
+            std::printf("{\"url\":\"%s\",\"port\":%d,\"token\":\"%s\"}\n", url.c_str(), port, view.token().c_str());
+        else
+            std::printf("%s\n", url.c_str());
         std::fflush(stdout);
         if (!loopback(options.listen))
             std::fprintf(stderr,
