@@ -122,7 +122,7 @@ try:
     check("led sys get -q prints nothing", (0, "", ""), run(fresh, "-q", "led", "sys", "get"))
     run(fresh, "log", "--clear")
     run(fresh, "rescue", "status")
-    logged = [line.split(" ", 4)[-1].strip() for line in run(fresh, "log")[1].splitlines()]
+    logged = [line.split(None, 4)[-1].strip() for line in run(fresh, "log")[1].splitlines()]
     check("what the library logs still reaches the board's log", True,
           "E/vexa_system_bi_rescue: bi_rescue_get_data_status, error!" in logged)
 finally:

@@ -52,7 +52,7 @@ run selftest >"$dir/selftest"
 check "selftest passes on a healthy board" 0 $?
 check "selftest prints each item" 12 "$(awk 'NR > 1 && NF == 2 && $1 != "verdict:"' "$dir/selftest" | wc -l)"
 check "and the verdict" "verdict: PASS" "$(tail -1 "$dir/selftest")"
-sed -i 's/^silent = .*/silent = \/dev\/i2c-3@0x68/' "$board/.board/i2c.conf"
+run board fault i2c.silent=/dev/i2c-3@0x68
 run selftest >"$dir/selftest"
 check "selftest fails with a silent clock chip" 1 $?
 check "the clock chip's line says so" "IClock-Chip Error" "$(grep '^IClock-Chip' "$dir/selftest" | awk '{print $1, $2}')"
