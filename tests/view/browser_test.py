@@ -5,7 +5,9 @@ Usage: browser_test.py VEXACTL SCREENSHOT.png
 
 A missing browser, driver or selenium fails the test: it never skips.
 """
+import json
 import os
+import subprocess
 import sys
 import tempfile
 import time
@@ -65,6 +67,11 @@ def read_pty(view, path, want, seconds=5):
 def main():
     vexactl, screenshot = sys.argv[1], sys.argv[2]
     with View(vexactl) as view, tempfile.TemporaryDirectory(prefix="vexa-chromium-") as profile:
+        # The board's EDID, laid into its partition as a person would.
+        edid = subprocess.run([vexactl, "--board", view.board, "edid", "model", "1920", "1080", "60", "-o", "-"],
+                              capture_output=True, check=True, timeout=60).stdout
+        with open(os.path.join(view.board, "dev/block/by-name/defined"), "r+b") as partition:
+            partition.write(edid)
         driver = browser(profile)
         try:
             driver.get(view.url)
@@ -102,6 +109,19 @@ def main():
             view.wait_for("the board's bytes in the console",
                           lambda: "status: ok" in (driver.execute_script(
                               "return document.querySelector(arguments[0]).textContent;", console) or ""))
+
+            # A knob set on the page is set on the board; one set elsewhere shows.
+            Select(driver.find_element(By.CSS_SELECTOR, '[data-knob-control="mcu.reply"]')).select_by_value("nack")
+            knob = lambda name: [k["value"] for k in json.loads(view.ctl("--json", "board", "fault").stdout)
+                                 if k["name"] == name][0]
+            view.wait_for("mcu.reply=nack on the board", lambda: knob("mcu.reply") == "nack")
+            view.ctl("board", "fault", "fpga.spi=fail")
+            view.wait_for("fpga.spi shown as fail",
+                          lambda: attribute(driver, '[data-knob="fpga.spi"]', "data-value") == "fail")
+
+            # The display: the saved mode drawn to scale, and the EDID's maker.
+            assert attribute(driver, "[data-timing]", "data-timing") == "1920x1080"
+            view.wait_for("the EDID's identity", lambda: "VXA" in driver.find_element(By.ID, "display-facts").text)
 
             # Nothing on the page came from anywhere but the view itself.
             urls = driver.execute_script(

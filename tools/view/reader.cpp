@@ -12,7 +12,6 @@
 #include <memory>
 #include <sstream>
 
-#include "sim/fpga/fpga_model.h"
 #include "sim/rtc/rtc_watchdog.h"
 #include "sim/serial/serial_line.h"
 #include "tools/vexactl/controls.h"
@@ -22,6 +21,7 @@
 #include "vexasdk/display.h"
 #include "vexasdk/peripherals.h"
 #include "vexasdk/product_config.h"
+#include "vexasdk/storage.h"
 
 namespace vexa::view {
 namespace {
@@ -317,12 +317,13 @@ std::string Reader::display()
     } else {
         cJSON_AddNullToObject(o, "timing");
     }
-    // The board's EDID, as the HDMI input offers it.
+    // The board's EDID, as the HDMI input offers it: the head of the
+    // partition the record names.
     cJSON *edid = nullptr;
-    if (bi_product && path_set(bi_product->hdmi_edid) && board_.exists(bi_product->hdmi_edid.path)) {
-        const std::string bytes = board_.read_file(bi_product->hdmi_edid.path);
+    uint8_t block[128] = {};
+    if (bi_product && path_set(bi_product->hdmi_edid) && bi_block_read_defined(0, block, sizeof block) >= 0) {
         EdidInfo info{};
-        if (bytes.size() >= 128 && edid_parse_block0(reinterpret_cast<const uint8_t *>(bytes.data()), &info) == 1) {
+        if (edid_parse_block0(block, &info) == 1) {
             edid = cJSON_CreateObject();
             cJSON_AddStringToObject(edid, "manufacturer", std::string(info.manufacturer, strnlen(info.manufacturer, 3)).c_str());
             cJSON_AddNumberToObject(edid, "product_code", info.product_code);
@@ -375,6 +376,8 @@ std::string Reader::knobs()
         cJSON *o = cJSON_CreateObject();
         cJSON_AddStringToObject(o, "name", knob.name.c_str());
         cJSON_AddStringToObject(o, "value", knob.value.c_str());
+        cJSON_AddBoolToObject(o, "set", knob.set);
+        cJSON_AddStringToObject(o, "takes", knob.takes.c_str());
         cJSON_AddStringToObject(o, "help", knob.help.c_str());
         cJSON *choices = cJSON_AddArrayToObject(o, "choices");
         for (const std::string &choice : knob.choices)

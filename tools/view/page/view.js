@@ -349,9 +349,8 @@ function drawKnobs(knobs) {
   const note = document.getElementById('knob-note');
   document.getElementById('knobs').replaceChildren(...knobs.map((k) => {
     const control = k.choices.length
-      ? el('select', { 'data-knob-control': k.name }, el('option', { value: '', text: '(default)' }),
-           ...k.choices.map((c) => el('option', { value: c, text: c })))
-      : el('input', { type: 'text', 'data-knob-control': k.name, placeholder: k.help, spellcheck: 'false',
+      ? el('select', { 'data-knob-control': k.name }, ...k.choices.map((c) => el('option', { value: c, text: c })))
+      : el('input', { type: 'text', 'data-knob-control': k.name, placeholder: k.takes, spellcheck: 'false',
                       title: 'Enter sets it; empty clears it' });
     control.value = k.value;
     const set = () => ask('/api/knob', { name: k.name, value: control.value })
@@ -360,8 +359,12 @@ function drawKnobs(knobs) {
     control.addEventListener(k.choices.length ? 'change' : 'keydown', (event) => {
       if (k.choices.length || event.key === 'Enter') set();
     });
-    return el('div', { class: 'knob' + (k.value ? ' set' : ''), 'data-knob': k.name, 'data-value': k.value },
-      el('span', { class: 'name', text: k.name }), control, el('span', { class: 'help', text: k.help }));
+    const clear = el('button', { type: 'button', text: 'clear', title: 'back to its initial value',
+      onclick: () => { control.value = ''; set(); } });
+    if (!k.set) clear.disabled = true;
+    return el('div', { class: 'knob' + (k.set ? ' set' : ''), 'data-knob': k.name, 'data-value': k.value },
+      el('span', { class: 'name', text: k.name }), el('span', { class: 'tools' }, control, clear),
+      el('span', { class: 'help', text: k.takes + ': ' + k.help }));
   }));
 }
 
