@@ -52,7 +52,7 @@ int run_status(Context &ctx, const Args &args)
         const bool unset = id < 0;
         table.row({control.name, kind_name(control.kind), id,
                    unset || id == 0 ? Cell::none() : Cell(ctx.board().line(id)),
-                   unset ? "unset" : id == 0 ? "invalid" : ""});
+                   unset ? Cell("unset") : id == 0 ? Cell("invalid") : Cell::none()});
     }
     // The fault knobs set on the board (vexactl board fault lists them all).
     Table faults({"name", "value"});

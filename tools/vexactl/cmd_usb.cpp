@@ -16,11 +16,11 @@ namespace {
 int ports(Context &ctx)
 {
     ctx.load_config();
-    Table table({"port", "state", "path"});
+    Table table({"port", "power", "path"});
     for (int index = 1; index <= 4; ++index) {
         const int32_t state = bi_get_usb_state(index);
-        table.row({index, state < 0 ? Cell::none() : Cell(state == 0 ? "off" : "on"),
-                   bi_product ? bi_product->usb_path[index - 1] : ""});
+        table.row({index, state < 0 ? Cell::none() : Cell::truth(state != 0, "on", "off"),
+                   bi_product ? Cell(bi_product->usb_path[index - 1]) : Cell::none()});
     }
     table.print(ctx);
     return 0;

@@ -45,6 +45,20 @@ int usage_error(const Command &command, const std::string &message)
     return 2;
 }
 
+ErrorWatch::ErrorWatch(vexa::sim::Board &board, std::string tag) : board_(board), tag_(std::move(tag))
+{
+    board_.new_log(); // marks where this watch begins
+}
+
+std::vector<vexa::sim::LogRecord> ErrorWatch::seen() const
+{
+    std::vector<vexa::sim::LogRecord> found;
+    for (auto &record : board_.new_log())
+        if (record.pid == ::getpid() && record.priority >= 6 && record.tag == tag_)
+            found.push_back(record);
+    return found;
+}
+
 bool parse_number(const std::string &text, long long min, long long max, long long *value)
 {
     size_t at = 0;
