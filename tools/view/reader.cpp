@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -174,8 +175,9 @@ std::string Reader::adc()
     const float volts = bi_adc_get_board_voltage();
     const float degrees = bi_adc_get_board_temperature();
     add_number_or_null(o, "board_id", id >= 0, id);
-    add_number_or_null(o, "voltage_v", volts >= 0, static_cast<double>(volts));
-    add_number_or_null(o, "temperature_c", degrees > -273.0f, static_cast<double>(degrees));
+    // Rounded as the ADC's resolution allows, as 'vexactl adc' gives them.
+    add_number_or_null(o, "voltage_v", volts >= 0, std::round(static_cast<double>(volts) * 100) / 100);
+    add_number_or_null(o, "temperature_c", degrees > -273.0f, std::round(static_cast<double>(degrees) * 10) / 10);
     return text_of(o);
 }
 
