@@ -45,20 +45,16 @@ constexpr uint64_t kBusNsPerByte = 800;
 // The record of transfers keeps the latest ones.
 constexpr size_t kRecordMax = 1u << 16;
 
-std::string read_host(const std::string &path)
+std::string read_host(const Folder &folder, const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return folder.read(path).value_or("");
 }
 
 // Writes a file of the board; its folder must exist (a board being taken
 // down gets no new folders).
-void write_host(const std::string &path, const std::string &contents)
+int write_host(const Folder &folder, const std::string &path, const std::string &contents)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << contents;
+    return folder.write(path, contents, false, false);
 }
 
 std::string trim(const std::string &s)
@@ -323,7 +319,7 @@ void FpgaModel::advance_bus(size_t bytes)
 void FpgaModel::restore()
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
-    std::istringstream in(read_host(root_ + kStateFile));
+    std::istringstream in(read_host(Folder(root_), kStateFile));
     std::map<std::string, std::string> values;
     std::string line;
     while (std::getline(in, line)) {
@@ -331,7 +327,7 @@ void FpgaModel::restore()
         if (eq != std::string::npos)
             values[line.substr(0, eq)] = line.substr(eq + 1);
     }
-    const std::string image = read_host(root_ + kProgramFile);
+    const std::string image = read_host(Folder(root_), kProgramFile);
     auto program = wire::valid_program(reinterpret_cast<const uint8_t *>(image.data()), image.size());
     configured_ = values["configured"] == "1" && program.has_value();
     if (configured_) {
@@ -342,9 +338,9 @@ void FpgaModel::restore()
         last_load_ = values["last_load"];
         last_load_result_ = std::atoi(values["last_load_result"].c_str());
     }
-    persisted_ = read_host(root_ + kStateFile);
+    persisted_ = read_host(Folder(root_), kStateFile);
     // The cards' registers: "PORT CARD ADDRESS HEXBYTES", a run of bytes a line.
-    std::istringstream cards(read_host(root_ + kCardsFile));
+    std::istringstream cards(read_host(Folder(root_), kCardsFile));
     while (std::getline(cards, line)) {
         std::istringstream words(line);
         int port = -1, card = -1;
@@ -361,8 +357,8 @@ void FpgaModel::restore()
     outputs_on_ = configured_ && values["outputs"] == "1";
     gmac_udp_ = values["gmac_udp"] == "1";
     ddr_ok_ = configured_ && values["ddr"] != "0";
-    phy_text_ = read_host(root_ + kPhyLinkFile);
-    const std::string reset = read_host(root_ + "/sys/class/vexagpios/RTL8211FS_RSTN/value");
+    phy_text_ = read_host(Folder(root_), kPhyLinkFile);
+    const std::string reset = read_host(Folder(root_), "/sys/class/vexagpios/RTL8211FS_RSTN/value");
     phy_in_reset_ = !reset.empty() && reset[0] == '0';
     // The PHY's set-up is not kept: a host that starts again finds it as
     // after a power cycle, with the link as the board last showed it.
@@ -377,11 +373,11 @@ void FpgaModel::persist()
         << "\nlast_load_result=" << last_load_result_ << "\n";
     if (out.str() != persisted_) {
         persisted_ = out.str();
-        write_host(root_ + kStateFile, persisted_);
+        write_host(Folder(root_), kStateFile, persisted_);
     }
     if (program_changed_) {
         program_changed_ = false;
-        write_host(root_ + kProgramFile, std::string(program_.begin(), program_.end()));
+        write_host(Folder(root_), kProgramFile, std::string(program_.begin(), program_.end()));
     }
 }
 
@@ -488,14 +484,17 @@ void FpgaModel::configuration_ends()
 void FpgaModel::configure_from_flash()
 {
     ensure_flash_locked();
-    std::ifstream in(root_ + "/dev/mtd0", std::ios::binary);
+    const Descriptor flash(Folder(root_).open("/dev/mtd0", O_RDONLY));
     std::vector<uint8_t> header(wire::kProgramHeaderSize);
-    in.read(reinterpret_cast<char *>(header.data()), std::streamsize(header.size()));
+    if (!flash || ::pread(flash.get(), header.data(), header.size(), 0) != ssize_t(header.size()))
+        header.assign(header.size(), 0xFF);
     const auto size = wire::header_number(header.data(), header.size(), "size");
     std::vector<uint8_t> image = header;
     if (size && *size <= kFlashSize - wire::kProgramHeaderSize) {
         image.resize(wire::kProgramHeaderSize + *size);
-        in.read(reinterpret_cast<char *>(image.data() + wire::kProgramHeaderSize), std::streamsize(*size));
+        if (::pread(flash.get(), image.data() + wire::kProgramHeaderSize, *size,
+                    off_t(wire::kProgramHeaderSize)) != ssize_t(*size))
+            image.resize(wire::kProgramHeaderSize);
     }
     configure(image, configuring_from_.c_str());
 }
@@ -756,16 +755,15 @@ void FpgaModel::update_written()
 {
     ensure_flash_locked();
     std::lock_guard<std::mutex> flash(flash_mu_);
-    const int fd = ::open((root_ + "/dev/mtd0").c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0)
+    const Descriptor fd(Folder(root_).open("/dev/mtd0", O_RDWR));
+    if (!fd)
         return;
     // Erased, then programmed: the image lands on 0xFF cells as it is.
     std::string cells = update_image_;
     cells.resize((cells.size() + kEraseSize - 1) / kEraseSize * kEraseSize, char(0xFF));
-    if (::pwrite(fd, cells.data(), cells.size(), 0) != ssize_t(cells.size())) {
+    if (::pwrite(fd.get(), cells.data(), cells.size(), 0) != ssize_t(cells.size())) {
         // the flash file failed: the old program stays as far as it was kept
     }
-    ::close(fd);
 }
 
 void FpgaModel::persist_cards() const
@@ -792,7 +790,7 @@ void FpgaModel::persist_cards() const
         }
         flush();
     }
-    write_host(root_ + kCardsFile, out.str());
+    write_host(Folder(root_), kCardsFile, out.str());
 }
 
 // ---- SPI ----
@@ -878,35 +876,34 @@ std::string FpgaModel::flash_file()
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
     ensure_flash_locked();
-    return root_ + "/dev/mtd0";
+    return "/dev/mtd0";
 }
 
 void FpgaModel::ensure_flash_locked()
 {
-    const std::string path = root_ + "/dev/mtd0";
-    std::error_code ec;
-    if (fs::exists(path, ec))
+    const Folder folder(root_);
+    if (folder.exists("/dev/mtd0"))
         return;
     // A new board's flash: erased, with the program it runs.
-    if (!fs::exists(root_ + "/.board", ec))
+    if (!folder.exists("/.board"))
         return;
-    fs::create_directories(root_ + "/dev", ec);
+    folder.make_dirs("/dev");
     std::string image(kFlashSize, char(0xFF));
     const std::string program = default_fpga_program(1);
     image.replace(0, program.size(), program);
-    write_host(path, image);
+    write_host(folder, "/dev/mtd0", image);
 }
 
 bool FpgaModel::nor_erase(size_t offset, size_t n)
 {
     if (offset % kEraseSize || n % kEraseSize || offset > kFlashSize || n > kFlashSize - offset)
         return false;
-    const std::string path = flash_file();
     const uint64_t block_ns = knobs().erase_ns;
+    flash_file();
     auto s = state_.lock();
     std::lock_guard<std::mutex> flash(flash_mu_);
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0)
+    const Descriptor fd(Folder(root_).open("/dev/mtd0", O_WRONLY));
+    if (!fd)
         return false;
     flash_done_ = 0;
     flash_total_ = n / kEraseSize;
@@ -917,10 +914,9 @@ bool FpgaModel::nor_erase(size_t offset, size_t n)
         // The block reads erased only once its erase has run.
         if (s)
             take_board_time(*s, block_ns);
-        ok = ::pwrite(fd, erased.data(), erased.size(), off_t(at)) == ssize_t(erased.size());
+        ok = ::pwrite(fd.get(), erased.data(), erased.size(), off_t(at)) == ssize_t(erased.size());
         ++flash_done_;
     }
-    ::close(fd);
     flash_op_ = 0;
     return ok;
 }
@@ -929,13 +925,13 @@ bool FpgaModel::nor_program(size_t offset, const uint8_t *data, size_t n, long l
 {
     if (offset > kFlashSize || n > kFlashSize - offset)
         return false;
-    const std::string path = flash_file();
     const uint64_t page_ns = knobs().page_program_ns;
     const size_t take = cut >= 0 && size_t(cut) < n ? size_t(cut) : n;
+    flash_file();
     auto s = state_.lock();
     std::lock_guard<std::mutex> flash(flash_mu_);
-    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0)
+    const Descriptor fd(Folder(root_).open("/dev/mtd0", O_RDWR));
+    if (!fd)
         return false;
     // The write goes page by page: a page program covers what of the data
     // falls within one 256-byte page.
@@ -948,15 +944,14 @@ bool FpgaModel::nor_program(size_t offset, const uint8_t *data, size_t n, long l
         if (s)
             take_board_time(*s, page_ns);
         uint8_t cells[kPageSize];
-        ok = ::pread(fd, cells, run, off_t(offset + at)) == ssize_t(run);
+        ok = ::pread(fd.get(), cells, run, off_t(offset + at)) == ssize_t(run);
         // NOR: programming can only clear bits.
         for (size_t i = 0; ok && i < run; ++i)
             cells[i] &= data[at + i];
-        ok = ok && ::pwrite(fd, cells, run, off_t(offset + at)) == ssize_t(run);
+        ok = ok && ::pwrite(fd.get(), cells, run, off_t(offset + at)) == ssize_t(run);
         at += run;
         ++flash_done_;
     }
-    ::close(fd);
     flash_op_ = 0;
     return ok && take == n;
 }
@@ -972,7 +967,7 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
     const std::string &op = argv[1];
     if (argv[2] != "/dev/mtd0")
         return {1 << 8, "open(): No such file or directory\n"};
-    const std::string flash = flash_file();
+    flash_file();
     char line[256];
     if (op == "info" && argv.size() == 3) {
         std::snprintf(line, sizeof line,
@@ -998,22 +993,26 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
         return {1 << 8, "open(): No such file or directory\n"};
     if (size_t(offset) > kFlashSize || size_t(len) > kFlashSize - size_t(offset))
         return {1 << 8, "read()/write(): Invalid argument\n"};
+    const Folder folder(root_);
     if (op == "read") {
-        std::vector<char> data(static_cast<size_t>(len));
+        std::string data(static_cast<size_t>(len), '\0');
         {
             std::lock_guard<std::mutex> busy(flash_mu_);
-            std::ifstream in(flash, std::ios::binary);
-            in.seekg(offset);
-            in.read(data.data(), len);
+            const Descriptor flash(folder.open("/dev/mtd0", O_RDONLY));
+            if (!flash ||
+                ::pread(flash.get(), data.data(), data.size(), off_t(offset)) != ssize_t(data.size()))
+                return {1 << 8, "read(): Input/output error\n"};
         }
-        write_host(root_ + file, std::string(data.begin(), data.end()));
+        if (write_host(folder, file, data) != 0)
+            return {1 << 8, std::string("open(): ") + std::strerror(errno) + "\n"};
         std::snprintf(line, sizeof line, "Copied %lld bytes from address 0x%.8llx in flash to %s\n", len,
                       offset, file.c_str());
         return {0, line};
     }
-    const std::string source = read_host(root_ + file);
-    if (!fs::exists(root_ + file))
-        return {1 << 8, "open(): No such file or directory\n"};
+    const auto read = folder.read(file);
+    if (!read)
+        return {1 << 8, std::string("open(): ") + std::strerror(errno) + "\n"};
+    const std::string &source = *read;
     if (source.size() < size_t(len))
         return {1 << 8, "file_to_flash: short read\n"};
     if (!nor_program(size_t(offset), reinterpret_cast<const uint8_t *>(source.data()), size_t(len),
@@ -1028,7 +1027,7 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
 
 bool FpgaModel::driver_loaded() const
 {
-    std::istringstream in(read_host(root_ + kModules));
+    std::istringstream in(read_host(Folder(root_), kModules));
     std::string line;
     while (std::getline(in, line))
         if (line.compare(0, std::strlen(kMacDriver) + 1, std::string(kMacDriver) + " ") == 0)
@@ -1046,7 +1045,7 @@ void FpgaModel::sync_phy()
     const std::string text = link ? "0x907\n" : phy_in_reset_ ? "0x0\n" : "0x902\n";
     if (text != phy_text_) {
         phy_text_ = text;
-        write_host(root_ + kPhyLinkFile, text);
+        write_host(Folder(root_), kPhyLinkFile, text);
     }
 }
 
@@ -1079,7 +1078,7 @@ void FpgaModel::phy_reset_written(const std::string &contents)
         last = c;
     }
     if (last && contents != std::string(1, last) + "\n")
-        write_host(root_ + "/sys/class/vexagpios/RTL8211FS_RSTN/value", std::string(1, last) + "\n");
+        write_host(Folder(root_), "/sys/class/vexagpios/RTL8211FS_RSTN/value", std::string(1, last) + "\n");
     sync_phy();
     persist();
 }
@@ -1116,7 +1115,7 @@ void FpgaModel::phyreg_written(const std::string &contents)
     }
     if (!shown.empty()) {
         phyreg_text_ = shown;
-        write_host(root_ + kPhyRegFile, shown);
+        write_host(Folder(root_), kPhyRegFile, shown);
     }
     sync_phy();
 }
@@ -1127,18 +1126,17 @@ CommandResult FpgaModel::insmod(const std::vector<std::string> &argv)
     if (argv.size() < 2)
         return {1 << 8, "Usage: insmod FILE [SYMBOL=VALUE]...\n"};
     const std::string &file = argv[1];
-    std::error_code ec;
-    if (file.empty() || file[0] != '/' || !fs::is_regular_file(root_ + file, ec))
+    if (file.empty() || file[0] != '/' || !Folder(root_).is_regular(file))
         return {1 << 8, "insmod: can't read '" + file + "': No such file or directory\n"};
     std::string name = fs::path(file).stem().string();
     std::replace(name.begin(), name.end(), '-', '_');
-    std::string modules = read_host(root_ + kModules);
+    std::string modules = read_host(Folder(root_), kModules);
     std::istringstream in(modules);
     std::string line;
     while (std::getline(in, line))
         if (line.compare(0, name.size() + 1, name + " ") == 0)
             return {1 << 8, "insmod: can't insert '" + file + "': File exists\n"};
-    write_host(root_ + kModules, modules + name + " 16384 0 - Live 0x0000000000000000\n");
+    write_host(Folder(root_), kModules, modules + name + " 16384 0 - Live 0x0000000000000000\n");
     sync_phy();
     return {};
 }

@@ -195,7 +195,7 @@ public:
     void phyreg_written(const std::string &contents);
     CommandResult insmod(const std::vector<std::string> &argv);
     CommandResult mtd_debug(const std::vector<std::string> &argv);
-    // The flash file (host path), laid out on first use.
+    // The flash file (its board path), laid out on first use.
     std::string flash_file();
     // The flash's own operations, taking the datasheet's time: an erase of
     // whole blocks, a write that can only clear bits (cut: the bytes that

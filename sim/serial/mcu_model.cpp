@@ -49,8 +49,8 @@ uint8_t xor_of(const uint8_t *p, size_t n)
 
 } // namespace
 
-McuModel::McuModel(std::string board_path, std::string flash_file)
-    : SerialLine(std::move(board_path)), flash_file_(std::move(flash_file))
+McuModel::McuModel(std::string board_path, Folder folder, std::string flash_file)
+    : SerialLine(std::move(board_path)), folder_(std::move(folder)), flash_file_(std::move(flash_file))
 {
     load_flash();
     restart();
@@ -460,6 +460,7 @@ bool McuModel::boot_step()
             for (size_t i = 0; i < n; ++i)
                 flash_[offset + i] &= rx_[1 + i]; // programming only clears bits
             store_flash(offset, static_cast<uint32_t>(n));
+            activity_.written += n;
             consume(n + 2);
             send_byte(kAck);
         } else {
@@ -480,6 +481,7 @@ bool McuModel::boot_step()
             boot_state_ = BootState::command;
             if (ok) {
                 erases_.push_back(Erase{true, {}});
+                activity_.mass_erased = true;
                 std::fill(flash_.begin(), flash_.end(), 0xFF);
                 store_flash(0, kFlashSize);
             }
@@ -502,8 +504,10 @@ bool McuModel::boot_step()
         }
         consume(need);
         boot_state_ = BootState::command;
-        if (ok)
+        if (ok) {
+            activity_.erased_pages += static_cast<uint32_t>(erase.pages.size());
             erases_.push_back(std::move(erase));
+        }
         send_byte(ok ? kAck : kNack);
         return true;
     }
@@ -517,6 +521,7 @@ void McuModel::restart()
     held_reply_.clear();
     boot_ready_ = false;
     boot_state_ = BootState::command;
+    activity_ = FlashActivity{};
     running_version_ = default_version_;
     const size_t scan = std::min(flash_.size(), kVersionScan);
     static const char kMarker[] = "MCUVER=";
@@ -535,9 +540,10 @@ void McuModel::restart()
 void McuModel::load_flash()
 {
     flash_.assign(kFlashSize, 0xFF);
-    std::ifstream in(flash_file_, std::ios::binary);
-    if (in)
-        in.read(reinterpret_cast<char *>(flash_.data()), kFlashSize);
+    const Descriptor in(folder_.open(flash_file_, O_RDONLY));
+    if (in && ::pread(in.get(), flash_.data(), kFlashSize, 0) < 0) {
+        // an unreadable flash reads erased
+    }
 }
 
 void McuModel::store_flash(uint32_t offset, uint32_t length)
@@ -546,7 +552,7 @@ void McuModel::store_flash(uint32_t offset, uint32_t length)
     // and the board's watchers see no file closed after writing on every
     // block.
     if (flash_fd_ < 0) {
-        flash_fd_ = ::open(flash_file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        flash_fd_ = folder_.open(flash_file_, O_RDWR | O_CREAT, 0644);
         if (flash_fd_ < 0)
             return;
         struct stat st;
@@ -574,6 +580,12 @@ void McuModel::set_version(const std::string &text)
     default_version_ = text;
     if (from_default)
         running_version_ = text;
+}
+
+McuModel::FlashActivity McuModel::flash_activity() const
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    return activity_;
 }
 
 std::string McuModel::version() const

@@ -49,8 +49,8 @@ public:
     static constexpr uint32_t kFlashBase = 0x08000000u;
     static constexpr uint32_t kFlashSize = 1u << 20;
 
-    // flash_file: host path of the persisted flash.
-    McuModel(std::string board_path, std::string flash_file);
+    // flash_file: board path of the persisted flash, in folder.
+    McuModel(std::string board_path, Folder folder, std::string flash_file);
     ~McuModel() override;
 
     enum class Mode { application, reset, bootloader };
@@ -109,6 +109,14 @@ public:
         std::vector<uint16_t> pages;
     };
     std::vector<Erase> erases() const;
+    // What the bootloader has done to the flash since the MCU last started:
+    // bytes written, pages erased, whether it was mass-erased.
+    struct FlashActivity {
+        uint64_t written = 0;
+        uint32_t erased_pages = 0;
+        bool mass_erased = false;
+    };
+    FlashActivity flash_activity() const;
     // Flash contents (length from the base).
     std::vector<uint8_t> flash(uint32_t length = kFlashSize) const;
     void fill_flash(uint8_t value = 0xFF);
@@ -156,6 +164,7 @@ private:
     void erase_page(uint16_t page);
 
     mutable std::mutex mu_;
+    Folder folder_;
     std::string flash_file_;
     std::vector<uint8_t> flash_;
     int flash_fd_ = -1; // the flash file, open from the first store on
@@ -190,6 +199,7 @@ private:
     uint32_t op_address_ = 0;
     uint16_t erase_field_ = 0;
     std::vector<Erase> erases_;
+    FlashActivity activity_;
     std::vector<uint8_t> rx_;
 
     unsigned pace_baud_ = 0;

@@ -31,7 +31,7 @@ SerialLine::SerialLine(std::string board_path, bool far_end) : board_path_(std::
 
 SerialLine::~SerialLine() = default;
 
-int SerialLine::open(const std::string &, int flags, mode_t)
+int SerialLine::open(const Folder &, const std::string &, int flags, mode_t)
 {
     pty_.reset_line();
     return ::open(pty_.slave_path().c_str(), flags | O_NOCTTY | O_CLOEXEC);
@@ -75,7 +75,16 @@ std::string SerialLine::take_output(size_t want, int wait_ms)
 
 void SerialLine::inject(const std::string &bytes)
 {
-    const int fd = far_ ? far_->keeper() : pty_.master();
+    write_all(far_ ? far_->keeper() : pty_.master(), bytes);
+}
+
+void SerialLine::emit(const std::string &bytes)
+{
+    write_all(pty_.keeper(), bytes);
+}
+
+void SerialLine::write_all(int fd, const std::string &bytes)
+{
     size_t done = 0;
     while (done < bytes.size()) {
         const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);

@@ -70,7 +70,7 @@ run chips >"$dir/chips" 2>"$dir/err"
 check "chips with a silent clock chip exits 1" "1 vexactl: faulty: clock; see 'vexactl log'" "$? $(cat "$dir/err")"
 check "and names it a fault, as every fault" "codec 0 ok|codec 1 ok|rtc ok|clock fault" \
     "$(awk 'NR > 1 {print $1 ($2 ~ /^[0-9]$/ ? " " $2 : "") " " $NF}' "$dir/chips" | paste -sd'|')"
-sed -i 's/^silent = .*/silent = /' "$board/.board/i2c.conf"
+run board fault i2c.silent=
 sed -i 's/^\/dev\/i2c-3 0x51 0x02 .*/\/dev\/i2c-3 0x51 0x02 0x80/' "$board/.board/i2c"
 run chips >"$dir/chips" 2>"$dir/err"
 check "an RTC whose oscillator stopped is a fault too" "1 vexactl: faulty: rtc; see 'vexactl log'" "$? $(cat "$dir/err")"
