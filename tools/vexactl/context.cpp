@@ -54,10 +54,15 @@ std::vector<std::string> Options::all(const std::string &name) const
     return found;
 }
 
+std::string Context::board_root() const
+{
+    return board_dir.empty() ? vexa::sim::Board::default_root() : board_dir;
+}
+
 vexa::sim::Board &Context::board()
 {
     if (!board_) {
-        const std::string dir = board_dir.empty() ? vexa::sim::Board::default_root() : board_dir;
+        const std::string dir = board_root();
         // A mistyped --board would otherwise lay out a new board unnoticed.
         std::error_code ec;
         if (!std::filesystem::exists(dir + "/.board", ec)) {
