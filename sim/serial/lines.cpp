@@ -341,4 +341,16 @@ VEXA_SIM_ATTACHER(serial_lines)
     board.watch_file("/.board/mcu-model", [lines](const std::string &, const std::string &contents) {
         apply_model_settings(contents, *lines->mcu);
     });
+    auto reply_of = [](const std::string &value) {
+        return value == "silent" ? McuModel::Reply::silent
+               : value == "nack" ? McuModel::Reply::nack
+                                 : McuModel::Reply::ok;
+    };
+    board.add_knob({"mcu.reply", "ok|silent|nack",
+                    "silent: the MCU answers nothing; nack: it refuses every frame and bootloader command",
+                    "ok", {}, [weak, reply_of](const std::string &value) {
+                        if (auto mcu = weak.lock())
+                            mcu->set_reply(reply_of(value));
+                    }});
+    lines->mcu->set_reply(reply_of(board.knob("mcu.reply")));
 }

@@ -106,7 +106,7 @@ void McuModel::on_bytes(const uint8_t *data, size_t n)
         const auto wire = std::chrono::nanoseconds(1000000000ull * pace_bits_ * n / pace_baud_);
         rx_free_ = std::max(now, rx_free_) + wire;
     }
-    if (mode_ == Mode::reset)
+    if (mode_ == Mode::reset || reply_ == Reply::silent)
         return;
     rx_.insert(rx_.end(), data, data + n);
     for (;;) {
@@ -240,6 +240,12 @@ void McuModel::reply_link(const std::vector<uint8_t> &request)
 
 void McuModel::emit_app_reply(std::vector<uint8_t> reply, bool link)
 {
+    if (reply_ == Reply::nack) {
+        reply[0] ^= 0xFF;
+        reply[1] ^= 0xFF;
+        send(reply);
+        return;
+    }
     if (!quirks_.empty()) {
         PendingQuirk &q = quirks_.front();
         switch (q.quirk) {
@@ -319,6 +325,12 @@ bool McuModel::boot_step()
         return false;
     if (boot_silent_) {
         rx_.clear();
+        return false;
+    }
+    if (reply_ == Reply::nack) {
+        // Refuses every byte that would start a step: a greeting or a command.
+        rx_.clear();
+        send_byte(kNack);
         return false;
     }
     switch (boot_state_) {
@@ -636,6 +648,19 @@ void McuModel::nack_command(uint8_t code, int times)
     std::lock_guard<std::mutex> lock(mu_);
     nack_code_ = code;
     nack_code_times_ = times;
+}
+
+void McuModel::set_reply(Reply reply)
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    reply_ = reply;
+    rx_.clear();
+}
+
+McuModel::Reply McuModel::reply() const
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    return reply_;
 }
 
 void McuModel::set_bootloader_silent(bool silent)

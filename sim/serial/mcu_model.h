@@ -83,6 +83,14 @@ public:
     int version_requests() const;
     int link_requests() const;
 
+    // How the MCU answers, whatever the mode (the board's knob "mcu.reply"):
+    // ok; silent: nothing at all, as an MCU that hangs or has no power;
+    // nack: the bootloader refuses every greeting and command (NACK) and the
+    // application's replies come with their head bytes damaged.
+    enum class Reply { ok, silent, nack };
+    void set_reply(Reply reply);
+    Reply reply() const;
+
     // ---- Bootloader ----
     // The MCU type by the flasher's numbering: 1 GD32F303, 2 GD32E503, 3
     // GD32F470, 4 STM32H750 (default 1).
@@ -173,6 +181,7 @@ private:
     uint8_t nack_code_ = 0;
     int nack_code_times_ = 0;
     bool boot_silent_ = false;
+    Reply reply_ = Reply::ok;
     bool boot_ready_ = false;
     int start_bytes_ = 0;
     enum class BootState { command, read_addr, read_count, go_addr, write_addr, write_data,

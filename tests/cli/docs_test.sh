@@ -20,6 +20,9 @@ complete_line() {
 }
 
 commands=$(run --help | awk '/^Commands:/ {on = 1; next} on && /^  [a-z]/ {print $1}')
+# An option as a command's help lists it ("  -h, --help" as "-h--help").
+options_of() { run "$1" --help | sed -n '/^Options:/,/^$/p' | grep -oE '^  (-[a-zA-Z], )?--[a-z-]+' | tr -d ', '; }
+globals=$(options_of status) # status has no options of its own
 check "the command list is not empty" yes "$([ -n "$commands" ] && echo yes)"
 check "every command completes from nothing" "$(echo $commands) " "$(complete_line vexactl "")"
 for cmd in $commands; do
@@ -31,8 +34,8 @@ for cmd in $commands; do
         "$(complete_line vexactl --json "${cmd:0:3}" | grep -qw -- "$cmd" && echo yes)"
     # Every option of the command's help in the completion, and those that
     # are its own (not the global ones) in its section of the page.
-    options=$(echo "$help" | sed -n '/^Options:/,/^$/p' | grep -oE '^  (-[a-zA-Z], )?--[a-z-]+' | tr -d ', ')
-    for option in $(echo "$options" | grep -vxE -e '-h--help' -e '--(board|json|version)'); do
+    options=$(options_of "$cmd")
+    for option in $(echo "$options" | grep -vxF "$globals"); do
         check "the page has $cmd ${option#-[a-zA-Z]}" yes "$(sed -nE "/^$cmd\$/,/^[a-z][a-z-]*\$/p" "$dir/page" |
             grep -qE -- "^(-., )?${option#-[a-zA-Z]}( |\$)" && echo yes)"
     done

@@ -29,6 +29,8 @@ check "an existing board" "0 " "$? $out"
 mkdir "$dir/empty"
 out=$("$vexactl" --board "$dir/empty" gpio set 5 1 2>&1)
 check "an empty directory" "0 vexactl: $dir/empty is empty: laying out a new board there" "$? $out"
+out=$("$vexactl" -q --board "$dir/quiet" gpio set 5 1 2>&1)
+check "-q lays out a board without a word" "0 " "$? $out"
 out=$(cd "$dir" && env -u VEXA_BOARD -u XDG_STATE_HOME HOME="$dir/home" "$vexactl" gpio set 5 1 2>&1)
 check "the default board, on first use" \
     "0 vexactl: $dir/home/.local/state/vexasdk/board does not exist: laying out a new board there" "$? $out"

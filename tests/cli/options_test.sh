@@ -29,7 +29,7 @@ check "0xa is line ten" 1 "$(run gpio get 0xa)"
 check "08 is line eight" 0 "$(run gpio get 08)"
 
 # Bad values are refused with the reason and the usage, and nothing happens.
-usage_gpio="usage: vexactl [--board DIR] [--json] gpio get ID | set ID 0|1"
+usage_gpio="usage: vexactl [--board DIR] [--json] gpio get LINE... | set LINE=LEVEL... | set LINE LEVEL"
 out=$(run gpio get 99999 2>&1)
 check "a line out of range" "2 vexactl gpio: the line is a number from 0 to 999, not '99999' $usage_gpio" \
     "$? $(echo $out)"
@@ -47,8 +47,8 @@ out=$(run timing 1280 720 --fps 2>&1)
 check "an option without its value" "2 vexactl timing: --fps needs a value (F) $usage_timing" "$? $(echo $out)"
 out=$(run timing 1280 720 --frobnicate 2>&1)
 check "an unknown option" "2 vexactl timing: unknown option '--frobnicate' $usage_timing" "$? $(echo $out)"
-out=$(run timing 1280 720 -q 2>&1)
-check "an unknown short option" "2 vexactl timing: unknown option '-q' $usage_timing" "$? $(echo $out)"
+out=$(run timing 1280 720 -z 2>&1)
+check "an unknown short option" "2 vexactl timing: unknown option '-z' $usage_timing" "$? $(echo $out)"
 out=$(run timing 1280 720 --json=yes 2>&1)
 check "a value for a flag" "2 vexactl timing: --json takes no value $usage_timing" "$? $(echo $out)"
 out=$(run log --fps 30 2>&1)

@@ -4,8 +4,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/os.h"
 #include "sim/serial/mcu_model.h"
@@ -22,11 +26,54 @@ void on_signal(int)
     g_stop = 1;
 }
 
+// board fault: lists every knob of the board's models, or sets them
+// (MODEL.KNOB=VALUE) and clears them (MODEL.KNOB=), all or none.
+int run_fault(Context &ctx, const Args &settings)
+{
+    auto &board = ctx.board();
+    if (!settings.empty()) {
+        std::vector<std::pair<std::string, std::string>> wanted;
+        for (const std::string &setting : settings) {
+            const auto eq = setting.find('=');
+            if (eq == std::string::npos || eq == 0)
+                throw UsageError("expected MODEL.KNOB=VALUE (or MODEL.KNOB= to clear), not '" + setting + "'");
+            wanted.emplace_back(setting.substr(0, eq), setting.substr(eq + 1));
+        }
+        std::string refused;
+        if (board.set_knobs(wanted, &refused) == 0)
+            return 0;
+        const int error = errno;
+        const auto eq = refused.find('=');
+        const std::string name = refused.substr(0, eq);
+        const std::string value = eq == std::string::npos ? "" : refused.substr(eq + 1);
+        if (error == ENOENT)
+            throw UsageError("no knob '" + name + "' on this board; 'vexactl board fault' lists them");
+        if (error == EINVAL) {
+            std::string takes;
+            for (const auto &row : board.knobs())
+                if (row.name == name)
+                    takes = row.takes;
+            throw UsageError(name + " takes " + takes + ", not '" + value + "'");
+        }
+        return fail("the board's host did not take the knobs: %s", std::strerror(error));
+    }
+    const auto rows = board.knobs();
+    if (rows.empty())
+        return fail("the board's host lists no knobs");
+    Table table({"name", "value", "takes", "help"});
+    for (const auto &row : rows)
+        table.row({row.name, row.value.empty() ? Cell::none() : Cell(row.value), row.takes, row.help});
+    table.print(ctx);
+    return 0;
+}
+
 int run_board(Context &ctx, const Args &args)
 {
     const Command &command = command_named("board");
+    if (!args.empty() && args[0] == "fault")
+        return run_fault(ctx, Args(args.begin() + 1, args.end()));
     if (args.size() != 1 || args[0] != "serve")
-        return usage_error(command, "the action is serve");
+        return usage_error(command, "the action is serve or fault");
     const long long seconds = ctx.number("seconds").value_or(-1);
     const std::string dir = ctx.board_dir.empty() ? vexa::sim::Board::default_root() : ctx.board_dir;
     // The board's models move here from a detached host, if one runs.
@@ -51,13 +98,19 @@ int run_board(Context &ctx, const Args &args)
     return 0;
 }
 
-VEXACTL_COMMAND(board, {"board", "serve [--seconds N]",
-                        "Host the board's device models in the foreground",
-                        "Hosts the board's models in this process (taking them over from a\n"
-                        "detached host) and prints each serial line with the pty an outside program\n"
-                        "opens: a plain line's far end, where a terminal or a device's program sits,\n"
-                        "and the MCU line's board side, where stm32flash sits in the SoC's seat (the\n"
-                        "MCU model answers there). Runs until interrupted, or for --seconds.",
+VEXACTL_COMMAND(board, {"board", "serve [--seconds N] | fault [MODEL.KNOB=VALUE...]",
+                        "Host the board's device models in the foreground; list and set their fault knobs",
+                        "serve  hosts the board's models in this process (taking them over from a\n"
+                        "       detached host) and prints each serial line with the pty an outside\n"
+                        "       program opens: a plain line's far end, where a terminal or a device's\n"
+                        "       program sits, and the MCU line's board side, where stm32flash sits in\n"
+                        "       the SoC's seat (the MCU model answers there). Runs until interrupted,\n"
+                        "       or for --seconds.\n"
+                        "fault  lists every knob of the board's models: its name MODEL.KNOB, its\n"
+                        "       value, the values it takes and what it does. MODEL.KNOB=VALUE sets a\n"
+                        "       knob, MODEL.KNOB= clears it (back to its initial value); the settings\n"
+                        "       of one command are taken all or none. Knobs are board state: every\n"
+                        "       process on the board sees them, and 'vexactl status' shows those set.",
                         run_board, {number("seconds", "N", 0, 86400 * 365, "serve for N seconds, then leave")}});
 
 } // namespace

@@ -143,20 +143,31 @@ int run_status(Context &ctx, const Args &args)
         const bool unset = id < 0;
         table.row({control.name, kind_name(control.kind), id,
                    unset || id == 0 ? Cell::none() : Cell(ctx.board().line(id)),
-                   unset ? "unset" : id == 0 ? "invalid" : ""});
+                   unset ? Cell("unset") : id == 0 ? Cell("invalid") : Cell::none()});
+    }
+    // The fault knobs set on the board (vexactl board fault lists them all).
+    Table faults({"name", "value"});
+    std::string fault_text;
+    for (const auto &knob : ctx.board().knobs()) {
+        if (!knob.set)
+            continue;
+        faults.row({knob.name, knob.value});
+        fault_text += (fault_text.empty() ? "" : " ") + knob.name + "=" + knob.value;
     }
     if (ctx.json) {
         cJSON *status = cJSON_CreateObject();
         cJSON_AddStringToObject(status, "board", ctx.board().root().c_str());
         cJSON_AddStringToObject(status, "product", bi_product->product_name);
         cJSON_AddNumberToObject(status, "module_id", bi_product->mod_id);
+        cJSON_AddItemToObject(status, "faults", faults.json());
         cJSON_AddItemToObject(status, "lines", table.json());
         print_json(ctx, status);
         return 0;
     }
     std::fprintf(ctx.out, "board:     %s\n", ctx.board().root().c_str());
     std::fprintf(ctx.out, "product:   %s\n", bi_product->product_name);
-    std::fprintf(ctx.out, "module id: %d\n\n", bi_product->mod_id);
+    std::fprintf(ctx.out, "module id: %d\n", bi_product->mod_id);
+    std::fprintf(ctx.out, "faults:    %s\n\n", fault_text.empty() ? "none" : fault_text.c_str());
     table.print(ctx);
     return 0;
 }

@@ -27,7 +27,8 @@ int run_upgrade(Context &ctx, const Args &args)
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
         cJSON_AddBoolToObject(item, "downgrade", flag == 1);
-        cJSON_AddStringToObject(item, "version", version.c_str());
+        cJSON_AddItemToObject(item, "version",
+                              version.empty() ? cJSON_CreateNull() : cJSON_CreateString(version.c_str()));
         print_json(ctx, item);
     } else {
         std::fprintf(ctx.out, "downgrade flag: %s\n", flag == 1 ? "on" : "off");

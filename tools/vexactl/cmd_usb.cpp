@@ -16,11 +16,11 @@ namespace {
 int ports(Context &ctx)
 {
     ctx.load_config();
-    Table table({"port", "state", "path"});
+    Table table({"port", "power", "path"});
     for (int index = 1; index <= 4; ++index) {
         const int32_t state = bi_get_usb_state(index);
-        table.row({index, state < 0 ? Cell::none() : Cell(state == 0 ? "off" : "on"),
-                   bi_product ? bi_product->usb_path[index - 1] : ""});
+        table.row({index, state < 0 ? Cell::none() : Cell::truth(state != 0, "on", "off"),
+                   bi_product ? Cell(bi_product->usb_path[index - 1]) : Cell::none()});
     }
     table.print(ctx);
     return 0;
@@ -129,7 +129,7 @@ bool with_board_usb(Context &ctx)
     if (vexa::sim::usb_preloaded())
         return true;
     std::fflush(ctx.out);
-    ::dup2(fileno(ctx.out), STDOUT_FILENO);
+    restore_standard_streams();
     return vexa::sim::preload_usb();
 }
 

@@ -67,9 +67,9 @@ vexa::sim::Board &Context::board()
         std::error_code ec;
         if (!std::filesystem::exists(dir + "/.board", ec)) {
             if (!std::filesystem::exists(dir, ec))
-                std::fprintf(stderr, "vexactl: %s does not exist: laying out a new board there\n", dir.c_str());
+                say(*this, "vexactl: %s does not exist: laying out a new board there", dir.c_str());
             else if (std::filesystem::is_directory(dir, ec) && std::filesystem::is_empty(dir, ec))
-                std::fprintf(stderr, "vexactl: %s is empty: laying out a new board there\n", dir.c_str());
+                say(*this, "vexactl: %s is empty: laying out a new board there", dir.c_str());
         }
         board_ = std::make_unique<vexa::sim::Board>(vexa::sim::Board::open(dir));
     }

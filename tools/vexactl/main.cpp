@@ -1,26 +1,12 @@
 // vexactl: the board's command-line front end for technicians and demos.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
 #include "tools/vexactl/command.h"
 #include "tools/vexactl/parse.h"
+#include "tools/vexactl/streams.h"
 
 namespace {
-
-// The command's output when vexactl was started with standard output
-// closed: every write fails, as it would on the closed descriptor.
-FILE *closed_output()
-{
-    cookie_io_functions_t io{};
-    io.write = [](void *, const char *, size_t) -> ssize_t {
-        errno = EBADF;
-        return -1;
-    };
-    return ::fopencookie(nullptr, "w", io);
-}
 
 // Parses the line and runs what it asks for; the exit code.
 int run(vexactl::Context &ctx, int argc, char **argv)
@@ -30,18 +16,28 @@ int run(vexactl::Context &ctx, int argc, char **argv)
     if (int rc = parse_command_line(argc, argv, &line))
         return rc;
     if (line.version) {
-        std::fprintf(ctx.out, "vexactl (vexasdk) %s\n", VEXASDK_VERSION);
+        if (line.json)
+            std::fprintf(ctx.out, "{\"version\": \"%s\"}\n", VEXASDK_VERSION);
+        else
+            std::fprintf(ctx.out, "vexactl (vexasdk) %s\n", VEXASDK_VERSION);
         return 0;
     }
     if (!line.command) {
-        print_usage(line.help ? ctx.out : stderr);
+        print_usage(line.help ? ctx.out : errors());
         return line.help ? 0 : 2;
     }
     if (line.help) {
         print_command_help(ctx.out, *line.command);
         return 0;
     }
+    route_library_text(line.verbose);
     ctx.json = line.json;
+    ctx.quiet = line.quiet;
+    ctx.verbose = line.verbose;
+    if (ctx.quiet) {
+        if (FILE *sink = std::fopen("/dev/null", "we"))
+            ctx.out = sink;
+    }
     ctx.board_dir = line.board_dir;
     ctx.command = line.command;
     ctx.options = line.options;
@@ -54,31 +50,36 @@ int run(vexactl::Context &ctx, int argc, char **argv)
     }
 }
 
+// Whether everything written to stream reached it; errno_out says why not
+// (0 when no reason is known).
+bool delivered(FILE *stream, int *errno_out)
+{
+    errno = 0;
+    const bool flushed = std::fflush(stream) == 0;
+    if (!flushed)
+        *errno_out = errno;
+    return flushed && !std::ferror(stream);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
-    vexactl::Context ctx;
-    // The library prints some of its chatter on standard output; keep that
-    // apart from vexactl's own output, which goes to the original descriptor.
-    // Descriptor 1 then carries standard error, so that no file the board
-    // opens takes its place when standard output was closed.
-    const int out_fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
-    ctx.out = out_fd >= 0 ? ::fdopen(out_fd, "w") : closed_output();
-    std::fflush(stdout);
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    using namespace vexactl;
+    Context ctx;
+    // The library prints some of its own text on standard output and
+    // standard error; vexactl's output and messages go to copies of the
+    // original descriptors, and the library's text only with -v.
+    ctx.out = ctx.std_out = take_standard_streams();
 
     int status = run(ctx, argc, argv);
     // Output that did not reach standard output fails the command, as for
     // any tool: a closed descriptor, a full disk, a reader that left.
-    errno = 0;
-    const bool flushed = std::fflush(ctx.out) == 0;
-    const int error = errno;
-    const bool failed = !flushed || std::ferror(ctx.out);
-    if (std::fclose(ctx.out) != 0 || failed) {
-        if (status == 0)
-            status = error != 0 ? vexactl::fail("cannot write standard output: %s", std::strerror(error))
-                                : vexactl::fail("cannot write standard output");
-    }
+    int error = 0;
+    const bool out_ok = delivered(ctx.out, &error);
+    const bool std_out_ok = ctx.std_out == ctx.out || delivered(ctx.std_out, &error);
+    if ((!out_ok || !std_out_ok) && status == 0)
+        status = error != 0 ? fail("cannot write standard output: %s", std::strerror(error))
+                            : fail("cannot write standard output");
     return status;
 }
