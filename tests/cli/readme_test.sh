@@ -27,8 +27,8 @@ until_printed() {
 }
 while IFS= read -r example; do
     case $example in
-    *" -f "* | *"board serve"*) eval "until_printed $example" ;;
-    *) bash -c "$example" >"$dir/out" 2>&1 </dev/null ;;
+    *" -f "* | *"board serve"* | *"board view"*) eval "until_printed $example" ;;
+    *) timeout 120 bash -c "$example" >"$dir/out" 2>&1 </dev/null ;;
     esac
     status=$?
     check "$example" 0 "$status"

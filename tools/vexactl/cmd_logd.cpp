@@ -76,6 +76,11 @@ int set_config(Context &ctx, const std::vector<std::string> &assignments)
     const int32_t rc = bi_vexa_logd_set_configure(config);
     if (rc != 0)
         return fail("setting the log daemon's configuration failed (%d); see 'vexactl log'", rc);
+    vexa_logd_config_t now{};
+    bi_vexa_logd_get_configure(&now);
+    for (const Field &f : kFields)
+        if (*f.of(config) && std::strcmp(f.of(config), f.of(now)) != 0)
+            return fail("%s reads '%s' after setting it to '%s'; see 'vexactl log'", f.key, f.of(now), f.of(config));
     return print_config(ctx);
 }
 

@@ -10,11 +10,13 @@
 
 #include "tools/vexactl/command.h"
 #include "tools/vexactl/parse.h"
+#include "tools/vexactl/progress.h"
 
 namespace vexactl {
 
 int fail(const char *fmt, ...)
 {
+    break_progress_line();
     FILE *err = errors();
     std::fprintf(err, "vexactl: ");
     va_list ap;
@@ -30,6 +32,7 @@ void say(const Context &ctx, const char *fmt, ...)
 {
     if (ctx.quiet)
         return;
+    break_progress_line();
     FILE *err = errors();
     va_list ap;
     va_start(ap, fmt);
