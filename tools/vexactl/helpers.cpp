@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <system_error>
 
 #include "tools/vexactl/command.h"
 #include "tools/vexactl/parse.h"
@@ -190,8 +191,16 @@ bool read_input(Context &ctx, const std::string &arg, std::string *bytes)
         }
         return true;
     }
-    const std::string host = file.where == FileArg::Where::board ? ctx.board().host_path(file.path) : file.path;
-    std::ifstream in(host, std::ios::binary);
+    if (file.where == FileArg::Where::board) {
+        const auto read = ctx.board().folder().read(file.path);
+        if (!read) {
+            fail("cannot read %s: %s", arg.c_str(), std::strerror(errno));
+            return false;
+        }
+        *bytes = *read;
+        return true;
+    }
+    std::ifstream in(file.path, std::ios::binary);
     if (!in) {
         fail("cannot read %s: %s", arg.c_str(), std::strerror(errno));
         return false;
@@ -215,8 +224,16 @@ bool write_output(Context &ctx, const std::string &arg, const std::string &bytes
         }
         return true;
     }
-    const std::string host = file.where == FileArg::Where::board ? ctx.board().host_path(file.path) : file.path;
-    std::ofstream out(host, std::ios::binary | std::ios::trunc);
+    if (file.where == FileArg::Where::board) {
+        try {
+            ctx.board().write_file(file.path, bytes);
+        } catch (const std::system_error &e) {
+            fail("cannot write %s: %s", arg.c_str(), std::strerror(e.code().value()));
+            return false;
+        }
+        return true;
+    }
+    std::ofstream out(file.path, std::ios::binary | std::ios::trunc);
     if (!out || !out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush()) {
         fail("cannot write %s: %s", arg.c_str(), std::strerror(errno));
         return false;
