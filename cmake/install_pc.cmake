@@ -22,6 +22,7 @@ if(IS_ABSOLUTE "${VEXA_PC_LIBDIR}")
 else()
     string(REPLACE "\${prefix}" "${VEXA_PC_PREFIX}" destination "${VEXA_PC_LIBDIR}/pkgconfig")
 endif()
+string(STRIP "-lvexasdk ${VEXA_PC_PLATFORM_LIBS}" VEXA_PC_LIBS)
 # Written beside the build under a name of this run: two installs of one
 # build at once do not share it.
 string(RANDOM LENGTH 12 run)
