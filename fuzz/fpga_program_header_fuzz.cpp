@@ -1,5 +1,6 @@
 // FPGA program files as the update and the FPGA read their header: the
-// "tags" entry, the size and the checksum. Nothing is read past the file.
+// "tags" entry, the size and the checksum, and what vexactl tells of a file
+// that is none. Nothing is read past the file.
 #include <cstdint>
 #include <cstdlib>
 #include <vector>
@@ -17,8 +18,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                 std::abort();
     }
     vexa::fpga_wire::header_number(file.data(), file.size(), "size");
-    if (auto program = vexa::fpga_wire::valid_program(file.data(), file.size()))
-        if (program->size() > file.size())
-            std::abort();
+    const auto program = vexa::fpga_wire::valid_program(file.data(), file.size());
+    if (program && program->size() > file.size())
+        std::abort();
+    // A file is a program exactly when nothing keeps it from being one.
+    if (program.has_value() == vexa::fpga_wire::program_problem(file.data(), file.size()).has_value())
+        std::abort();
     return 0;
 }

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -263,6 +264,43 @@ inline std::optional<std::vector<uint8_t>> valid_program(const uint8_t *file, si
     if (sum16(file + kProgramHeaderSize, *size) != *checksum)
         return std::nullopt;
     return std::vector<uint8_t>(file, file + kProgramHeaderSize + *size);
+}
+
+// What keeps a file from being a program, for people ("its payload sums to
+// 0x1234, the header says 0x5678"), or nothing when valid_program takes it.
+inline std::optional<std::string> program_problem(const uint8_t *file, size_t n)
+{
+    auto hex16 = [](uint32_t v) {
+        char text[16];
+        std::snprintf(text, sizeof text, "0x%04x", unsigned(v));
+        return std::string(text);
+    };
+    if (n < kProgramHeaderSize)
+        return "it is " + std::to_string(n) + " bytes, shorter than the " +
+               std::to_string(kProgramHeaderSize) + "-byte header";
+    uint8_t tag[kTagSize];
+    std::string tags;
+    switch (parse_tags(file, n, tag, &tags)) {
+    case TagsResult::ok:
+        break;
+    case TagsResult::missing:
+        return std::string("its header has no tags entry");
+    default:
+        return "its tags entry \"" + tags + "\" is no build time YYYYMMDD-hhmmss";
+    }
+    const auto size = header_number(file, n, "size");
+    if (!size)
+        return std::string("its header has no size entry");
+    const auto checksum = header_number(file, n, "checksum");
+    if (!checksum)
+        return std::string("its header has no checksum entry");
+    if (*size > n - kProgramHeaderSize)
+        return "its header gives a payload of " + std::to_string(*size) + " bytes and the file holds " +
+               std::to_string(n - kProgramHeaderSize) + " after the header";
+    const uint16_t sum = sum16(file + kProgramHeaderSize, *size);
+    if (sum != *checksum)
+        return "its payload sums to " + hex16(sum) + ", the header says " + hex16(*checksum);
+    return std::nullopt;
 }
 
 // A program file for tags and payload, as the FPGA tools write them.

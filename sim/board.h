@@ -345,6 +345,9 @@ public:
     bool fast_clock() const;
     void set_fast_clock(bool on) const;
     uint64_t now_ns() const;
+    // What the board has slept with a fast clock (its time is the host's
+    // plus this), the moves of advance_clock included.
+    uint64_t slept_ns() const;
     // Moves the board clock on, as a sleep of ns would with a fast clock
     // (the timers it passes fire before it returns).
     void advance_clock(uint64_t ns) const;

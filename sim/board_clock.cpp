@@ -186,4 +186,6 @@ uint64_t Board::set_timer(uint64_t at_ns, std::function<void()> fn) const
 
 bool Board::cancel_timer(uint64_t id) const { return cancel_board_timer(*state_, id); }
 
+uint64_t Board::slept_ns() const { return uint64_t(state_->clock_offset_ns.load()); }
+
 } // namespace vexa::sim

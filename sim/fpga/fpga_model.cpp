@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -33,6 +34,8 @@ namespace {
 constexpr const char *kStateFile = "/.board/fpga/state";
 constexpr const char *kProgramFile = "/.board/fpga/program.bin";
 constexpr const char *kCardsFile = "/.board/fpga/cards";
+constexpr const char *kFlashProgressFile = "/.board/fpga/flash";
+constexpr const char *kCountsFile = "/.board/fpga/transfers";
 constexpr const char *kPhyLinkFile = "/sys/class/ethernet/vexaphyreg";
 constexpr const char *kPhyRegFile = "/sys/class/ethernet/phyreg";
 constexpr const char *kModules = "/proc/modules";
@@ -55,6 +58,16 @@ std::string read_host(const Folder &folder, const std::string &path)
 int write_host(const Folder &folder, const std::string &path, const std::string &contents)
 {
     return folder.write(path, contents, false, false);
+}
+
+// Replaces a file of the board whole, so that a reader in another process
+// sees the old contents or the new, never a file being written.
+int replace_host(const Folder &folder, const std::string &path, const std::string &contents)
+{
+    const std::string next = path + ".new";
+    if (folder.write(next, contents, false, false) != 0)
+        return -1;
+    return folder.rename(next, path);
 }
 
 std::string trim(const std::string &s)
@@ -370,10 +383,12 @@ void FpgaModel::persist()
     std::ostringstream out;
     out << "configured=" << configured_ << "\nnegotiated=" << negotiated_ << "\noutputs=" << outputs_on_
         << "\ngmac_udp=" << gmac_udp_ << "\nddr=" << ddr_ok_ << "\nlast_load=" << last_load_
-        << "\nlast_load_result=" << last_load_result_ << "\n";
+        << "\nlast_load_result=" << last_load_result_ << "\nconfiguring=" << configuring_
+        << "\nupdate_pieces=" << (update_open_ ? update_pieces_.size() : 0)
+        << "\nupdate_total=" << (update_open_ ? (update_size_ + 511) / 512 : 0) << "\n";
     if (out.str() != persisted_) {
         persisted_ = out.str();
-        write_host(Folder(root_), kStateFile, persisted_);
+        replace_host(Folder(root_), kStateFile, persisted_);
     }
     if (program_changed_) {
         program_changed_ = false;
@@ -469,6 +484,7 @@ void FpgaModel::start_configuration(const char *from)
     reset_fpga();
     configuring_ = true;
     configuring_from_ = from;
+    persist();
     after(knobs().config_ns, &config_generation_, &FpgaModel::configuration_ends);
 }
 
@@ -721,6 +737,7 @@ void FpgaModel::update_mailbox(uint16_t offset, const uint8_t *buf, size_t n)
         update_sum_ = wire::le16(buf + 9);
         std::memcpy(update_tag_.data(), buf + 11, wire::kTagSize);
         update_pieces_.clear();
+        persist();
     } else if (offset == wire::kUpdatePiece && n >= wire::kUpdatePieceSize && update_open_) {
         const uint16_t index = wire::le16(buf + 3);
         const uint16_t length = wire::le16(buf + 5);
@@ -728,8 +745,10 @@ void FpgaModel::update_mailbox(uint16_t offset, const uint8_t *buf, size_t n)
         if (length <= wire::kUpdatePieceData &&
             wire::le16(buf + 7 + wire::kUpdatePieceData) == wire::sum16(data, length))
             update_pieces_[index].assign(data, data + length);
+        persist();
     } else if (offset == wire::kUpdateFlash && buf[3] == 1 && update_open_) {
         update_open_ = false;
+        persist();
         std::vector<uint8_t> payload;
         for (uint16_t i = 0; payload.size() < update_size_; ++i) {
             auto piece = update_pieces_.find(i);
@@ -807,6 +826,8 @@ int FpgaModel::spi(const std::string &node, char kind, uint8_t *buf, size_t n)
     if (transfers_.size() >= kRecordMax)
         transfers_.erase(transfers_.begin(), transfers_.begin() + kRecordMax / 2);
     transfers_.push_back({node, kind, std::vector<uint8_t>(buf, buf + n), now});
+    ++transfer_total_;
+    publish_counts();
     if (knobs().spi_fails)
         return -EIO;
     advance_bus(n);
@@ -906,9 +927,7 @@ bool FpgaModel::nor_erase(size_t offset, size_t n)
     const Descriptor fd(Folder(root_).open("/dev/mtd0", O_WRONLY));
     if (!fd)
         return false;
-    flash_done_ = 0;
-    flash_total_ = n / kEraseSize;
-    flash_op_ = 'e';
+    flash_progress('e', 0, n / kEraseSize);
     const std::vector<uint8_t> erased(kEraseSize, 0xFF);
     bool ok = true;
     for (size_t at = offset; at < offset + n && ok; at += kEraseSize) {
@@ -916,9 +935,9 @@ bool FpgaModel::nor_erase(size_t offset, size_t n)
         if (s)
             take_board_time(*s, block_ns);
         ok = ::pwrite(fd.get(), erased.data(), erased.size(), off_t(at)) == ssize_t(erased.size());
-        ++flash_done_;
+        flash_progress('e', flash_done_ + 1, flash_total_);
     }
-    flash_op_ = 0;
+    flash_progress(0, 0, 0);
     return ok;
 }
 
@@ -936,9 +955,7 @@ bool FpgaModel::nor_program(size_t offset, const uint8_t *data, size_t n, long l
         return false;
     // The write goes page by page: a page program covers what of the data
     // falls within one 256-byte page.
-    flash_done_ = 0;
-    flash_total_ = n ? (offset + n - 1) / kPageSize - offset / kPageSize + 1 : 0;
-    flash_op_ = 'w';
+    flash_progress('w', 0, n ? (offset + n - 1) / kPageSize - offset / kPageSize + 1 : 0);
     bool ok = true;
     for (size_t at = 0; at < take && ok;) {
         const size_t run = std::min(take - at, kPageSize - (offset + at) % kPageSize);
@@ -951,10 +968,37 @@ bool FpgaModel::nor_program(size_t offset, const uint8_t *data, size_t n, long l
             cells[i] &= data[at + i];
         ok = ok && ::pwrite(fd.get(), cells, run, off_t(offset + at)) == ssize_t(run);
         at += run;
-        ++flash_done_;
+        flash_progress('w', flash_done_ + 1, flash_total_);
     }
-    flash_op_ = 0;
+    flash_progress(0, 0, 0);
     return ok && take == n;
+}
+
+void FpgaModel::publish_counts()
+{
+    // A few times a second at most: other processes follow a job by them.
+    const auto now = std::chrono::steady_clock::now();
+    if (now - counts_written_ < std::chrono::milliseconds(200))
+        return;
+    counts_written_ = now;
+    replace_host(Folder(root_), kCountsFile,
+               std::to_string(transfer_total_) + " " + std::to_string(udp_total_) + "\n");
+}
+
+void FpgaModel::flash_progress(char op, uint64_t done, uint64_t total)
+{
+    // The file changes at most 64 times an operation: a 13 MiB write is
+    // 53248 pages.
+    const bool shown = op != flash_op_ || total == 0 || done * 64 / total != flash_done_ * 64 / total ||
+                       done == total;
+    flash_op_ = op;
+    flash_done_ = done;
+    flash_total_ = total;
+    if (!shown)
+        return;
+    const char *name = op == 'e' ? "erase" : op == 'w' ? "write" : nullptr;
+    replace_host(Folder(root_), kFlashProgressFile,
+               name ? std::string(name) + " " + std::to_string(done) + " " + std::to_string(total) + "\n" : "");
 }
 
 CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
@@ -1184,6 +1228,8 @@ void FpgaModel::udp_serve()
                     if (udp_writes_.size() >= kRecordMax)
                         udp_writes_.erase(udp_writes_.begin(), udp_writes_.begin() + kRecordMax / 2);
                     udp_writes_.push_back({address, std::vector<uint8_t>(&in[u::kHead], &in[u::kHead] + len)});
+                    ++udp_total_;
+                    publish_counts();
                     write_regs(address, &in[u::kHead], len);
                 }
             } else if (op == u::kRead) {
@@ -1326,7 +1372,8 @@ std::string FpgaModel::state_text() const
     out << "\nflash_op=" << (op == 'e' ? "erase" : op == 'w' ? "write" : "") << "\nflash_done=" << flash_done_
         << "\nflash_total=" << flash_total_ << "\nupdate_pieces=" << update_pieces_.size()
         << "\nupdate_total=" << (update_open_ ? (update_size_ + 511) / 512 : 0) << "\nspi_transfers=" << transfers_.size()
-        << "\nudp_writes=" << udp_writes_.size() << "\n";
+        << "\nudp_writes=" << udp_writes_.size() << "\nspi_total=" << transfer_total_
+        << "\nudp_total=" << udp_total_ << "\n";
     return out.str();
 }
 

@@ -68,9 +68,14 @@
 // State that other processes see lives in the board folder: the done line,
 // the flash, ROOT/.board/fpga/program.bin (the running program),
 // ROOT/.board/fpga/state (whether it is configured, the last load, the link
-// and output state) and ROOT/.board/fpga/cards (the cards' registers, "PORT
-// CARD ADDRESS HEXBYTES" a run); the FPGA's own registers live with the
-// model, and the service "fpga.state" tells the rest (state_text()).
+// and output state), ROOT/.board/fpga/cards (the cards' registers, "PORT
+// CARD ADDRESS HEXBYTES" a run) and ROOT/.board/fpga/flash (the flash's
+// operation under way: "erase|write DONE TOTAL", blocks or pages, while it
+// runs) and ROOT/.board/fpga/transfers ("SPI UDP", the transfers since the
+// model began, a few times a second): a process follows a job there without
+// asking the host, which may be busy with that very job. The FPGA's own
+// registers live with the model, and the service
+// "fpga.state" tells the rest (state_text()).
 //
 // Time: the FPGA's own delays (configuration, negotiation, card replies) are
 // timers on the board's clock (sim/board_clock.h); a flash erase or write
@@ -83,6 +88,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -239,7 +245,8 @@ public:
     void clear_record();
     // "key=value" lines: configured, configuring, program_bytes, tag, done,
     // last_load, last_load_result, ports, cards, flash_op, flash_done,
-    // flash_total, update_pieces, update_total, ...
+    // flash_total, update_pieces, update_total, spi_total and udp_total (the
+    // transfers since the model began), ...
     std::string state_text() const;
 
 private:
@@ -274,6 +281,11 @@ private:
     void restore();
     // Flash.
     void ensure_flash_locked();
+    // The operation under way ('e', 'w' or 0) and its progress, for other
+    // processes too; flash_mu_ held.
+    void flash_progress(char op, uint64_t done, uint64_t total);
+    // The transfer counts in ROOT/.board/fpga/transfers, now and then.
+    void publish_counts();
     void udp_serve();
 
     std::weak_ptr<Board::State> state_;
@@ -331,6 +343,8 @@ private:
     // Record.
     std::vector<Transfer> transfers_;
     std::vector<UdpWrite> udp_writes_;
+    uint64_t transfer_total_ = 0, udp_total_ = 0; // since the model began
+    std::chrono::steady_clock::time_point counts_written_{};
     // The flash: one operation at a time, outside the model's lock (an
     // erase takes seconds, the FPGA meanwhile answers); its progress.
     std::mutex flash_mu_;

@@ -7,10 +7,20 @@
 json() { tr -d ' \t\n'; }
 
 # The default board: a QR5PLUS (family 2) running program 1 from its flash.
-check "status --json" '"family":"qr5plus","product_num":2,"loader_status":0,"done":1,"configured":true,"program_bytes":50176' \
+check "status --json" '"family":"qr5plus","product_num":2,"last_load":"power-on","last_load_result":0,"done":1,"configured":true,"configuring":false,"program_bytes":50176' \
     "$(run --json fpga status 2>/dev/null | json | grep -o '"family".*"program_bytes":[0-9]*')"
 check "status names the program" "program:       50176 bytes, tag 20 24 01 05 09 30 00" \
     "$(run fpga status 2>/dev/null | grep '^program:')"
+check "status tells the last load as the board saw it, in any process" "last load:     from its flash at power-on, configured" \
+    "$(run fpga status 2>/dev/null | grep '^last load:')"
+
+# An update checks the image first; --force hands any file to the library,
+# whose own checks (here the SPI update's) then decide.
+head -c 100 /dev/urandom >"$dir/random.bin"
+run fpga update --force "$dir/random.bin" >/dev/null 2>"$dir/err"
+check "--force hands it to the library, which cannot read its header" "1 vexactl: update failed; see 'vexactl log'" "$? $(cat "$dir/err")"
+check "the library's own refusal" "E/vexa_system_bi_fpga: <fpga_update_program_qr3plus_qr5plus> read fail" \
+    "$(run log 2>/dev/null | grep -o 'E/vexa_system_bi_fpga: <fpga_update_program_qr3plus_qr5plus> .*' | tail -1)"
 
 # Receiving cards: a write, then a read from another process.
 check "card write" "wrote 3 bytes to port 1 at 0x00000100" "$(run fpga card 1 write 0x100 a1b2c3 2>/dev/null)"
@@ -57,6 +67,26 @@ check "the next update, from standard input, succeeds" '"done":1' \
 run fpga update "$dir/none.bin" >/dev/null 2>"$dir/err"
 check "a missing file fails" "1" "$?"
 
+# An update checks the image before it erases anything.
+flash_before=$(md5sum <"$board/dev/mtd0")
+run fpga update "$dir/random.bin" >"$dir/out" 2>"$dir/err"
+check "100 random bytes are refused" "1 vexactl: $dir/random.bin is not an FPGA program for this board: it is 100 bytes, shorter than the 1024-byte header; nothing was erased or written (--force updates with it all the same)" \
+    "$? $(cat "$dir/err")"
+check "and nothing is printed" "" "$(cat "$dir/out")"
+{ head -c 1024 "$dir/new.bin"; head -c 49152 /dev/zero; } >"$dir/zeros.bin"
+run fpga update "$dir/zeros.bin" >/dev/null 2>"$dir/err"
+rc=$?
+sum=$(grep -a -o 'checksum=0x[0-9a-f]*' "$dir/new.bin" | cut -d= -f2)
+check "a payload that does not match its header is refused" "1 vexactl: $dir/zeros.bin is not an FPGA program for this board: its payload sums to 0x0000, the header says $sum; nothing was erased or written (--force updates with it all the same)" \
+    "$rc $(cat "$dir/err")"
+head -c 14000000 /dev/zero >"$dir/big.bin"
+dd if="$dir/new.bin" of="$dir/big.bin" conv=notrunc status=none
+run fpga update "$dir/big.bin" >/dev/null 2>"$dir/err"
+check "a program too big for the flash update is refused" "1 vexactl: $dir/big.bin is not an FPGA program for this board: it is 14000000 bytes, more than the 13 MiB the pz50pro flash update erases; nothing was erased or written (--force updates with it all the same)" \
+    "$? $(cat "$dir/err")"
+check "the flash is untouched" "$flash_before" "$(md5sum <"$board/dev/mtd0")"
+check "and the FPGA stays configured" '"done":1' "$(run --json fpga status 2>/dev/null | json | grep -o '"done":[0-9]')"
+
 # The pz50pro parameters and the SGMII link.
 check "params" "params: fpgaLoadScreenParamsBySpi returned 0" "$(run fpga params 2>/dev/null)"
 check "phy" "link up after 1 attempt" "$(run fpga phy 2>/dev/null)"
@@ -68,11 +98,30 @@ check "cards answer on families 2 and 3 only" \
     "$(run fpga card 1 read 0 4 2>&1)"
 check "--family chooses another" "a1 b2" "$(run fpga card 1 read 0x100 2 --family qr-card 2>/dev/null)"
 
+# The board's card ports, and cards that are not there to answer.
+run fpga card 9 read 0x100 4 --family qr-card >"$dir/out" 2>"$dir/err"
+check "a port the board lacks" "1 vexactl: the FPGA has receiving-card ports 0-3; there is no port 9" "$? $(cat "$dir/err")"
+check "prints no bytes" "" "$(cat "$dir/out")"
+run fpga knob cards=2,0,2,2 >/dev/null 2>&1
+check "status shows the cards" "cards:         2, 0, 2, 2 on ports 0-3" "$(run fpga status 2>/dev/null | grep '^cards:')"
+run fpga card 1 read 0x100 2 --family qr-card >"$dir/out" 2>"$dir/err"
+check "no card to answer a read" "1 vexactl: no card answered on port 1: the reply was not ready after 10 polls; the bytes read are not a card's" \
+    "$? $(cat "$dir/err")$(cat "$dir/out")"
+run fpga card 1 write 0x100 a1 --family qr-card >"$dir/out" 2>"$dir/err"
+check "nor a write" "1 vexactl: no card acknowledged the write on port 1 within 200 ms" "$? $(cat "$dir/err")$(cat "$dir/out")"
+run fpga knob cards= silent_ports=2 >/dev/null 2>&1
+run fpga card 2 read 0x100 2 --family qr-card >/dev/null 2>"$dir/err"
+check "a silent port" "1 vexactl: no card answered on port 2: the reply was not ready after 10 polls; the bytes read are not a card's" \
+    "$? $(cat "$dir/err")"
+run fpga knob silent_ports= >/dev/null 2>&1
+run fpga card 0 read 0x100 0 --family qr-card >/dev/null 2>"$dir/err"
+check "reading no bytes is a usage error" "2 vexactl fpga: LEN is a number from 1 to 1024, not '0'" "$? $(head -1 "$dir/err")"
+
 # Help and usage errors.
 run fpga --help >/dev/null 2>&1
 check "fpga --help exits 0" 0 $?
 for bad in "fpga" "fpga frob" "fpga update" "fpga status extra" "fpga card x read 0 1" "fpga card 1 read 0 2000" \
-    "fpga card 1 write 0 abc" "fpga knob nope=1" "fpga status --family nope"; do
+    "fpga card 1 write 0 abc" "fpga knob nope=1" "fpga status --family nope" "fpga status --force"; do
     run $bad >/dev/null 2>&1
     check "'$bad' is a usage error" 2 $?
 done
