@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -148,6 +149,46 @@ TEST_F(SimTest, FastClockSleepsWithoutWaiting)
     const uint64_t after = os::monotonic_ns();
     EXPECT_GE(after - before, 10'000'000'000ull);
     EXPECT_GE(board().now_ns(), after);
+}
+
+TEST_F(SimTest, TimersFireWhenASleepPassesThem)
+{
+    // With a fast clock a timer fires in the thread whose sleep moves the
+    // clock past it, before that sleep returns, in order of time.
+    std::vector<std::string> fired;
+    const uint64_t t0 = board().now_ns();
+    board().set_timer(t0 + 30'000'000, [&] { fired.push_back("30 ms"); });
+    board().set_timer(t0 + 10'000'000, [&] {
+        fired.push_back("10 ms");
+        // A timer may set another; one already due fires in the same sleep.
+        board().set_timer(0, [&] { fired.push_back("set by 10 ms"); });
+    });
+    const uint64_t cancelled = board().set_timer(t0 + 20'000'000, [&] { fired.push_back("20 ms"); });
+    EXPECT_TRUE(board().cancel_timer(cancelled));
+    EXPECT_FALSE(board().cancel_timer(cancelled));
+    os::sleep_us(5'000);
+    EXPECT_TRUE(fired.empty()) << "nothing is due 5 ms on";
+    os::sleep_us(10'000);
+    EXPECT_THAT(fired, ElementsAre("10 ms", "set by 10 ms"));
+    board().advance_clock(20'000'000);
+    EXPECT_THAT(fired, ElementsAre("10 ms", "set by 10 ms", "30 ms"));
+}
+
+TEST_F(SimTest, InRealTimeTimersFireOnTheirOwn)
+{
+    board().set_fast_clock(false);
+    std::mutex mu;
+    std::condition_variable fired_cv;
+    std::optional<uint64_t> fired_at;
+    const uint64_t at = board().now_ns() + 20'000'000;
+    board().set_timer(at, [&] {
+        std::lock_guard<std::mutex> lock(mu);
+        fired_at = board().now_ns();
+        fired_cv.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(mu);
+    ASSERT_TRUE(fired_cv.wait_for(lock, std::chrono::seconds(10), [&] { return fired_at.has_value(); }));
+    EXPECT_GE(*fired_at, at);
 }
 
 TEST_F(SimTest, CommandsAreJournaledAndHandled)
@@ -322,10 +363,21 @@ TEST_F(SimTest, DetachedBoardFailsCallsInsteadOfFallingBack)
 
 TEST(ShellGuard, AcceptsPlainWordsOnly)
 {
-    for (const char *ok : {"/dev/block/mmcblk2p22", "a-b_c.d:e,f=g+h@i%j", "Reserve0"})
+    // Characters beyond ASCII are plain to the shell: two, three and four
+    // bytes of UTF-8, the last of each range.
+    for (const char *ok : {"/dev/block/mmcblk2p22", "a-b_c.d:e,f=g+h@i%j", "Reserve0", "/data/\xc3\xa9t\xc3\xa9",
+                           "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xef\xbf\xbf", "\xf0\x9f\x98\x80",
+                           "\xf4\x8f\xbf\xbf"})
         EXPECT_TRUE(shell_word_safe(ok)) << ok;
     for (const char *bad : {"", "a b", "a;b", "$(x)", "`x`", "a|b", "a&b", "a>b", "a<b", "a'b", "a\"b", "a\\b",
-                            "a*", "a?", "~root", "a\nb", "{a,b}", "a#b", "!x"})
+                            "a*", "a?", "~root", "a\nb", "{a,b}", "a#b", "!x", "a\tb"})
+        EXPECT_FALSE(shell_word_safe(bad)) << bad;
+    // Bytes that are not well-formed UTF-8: Latin-1, a cut sequence, a lone
+    // continuation byte, an overlong '/', a surrogate, beyond U+10FFFF, and
+    // a sequence whose continuation is a metacharacter.
+    for (const char *bad : {"/data/\xe9t\xe9", "a\xc3", "\xe2\x82", "\x80", "\xc0\xaf", "\xe0\x9f\xbf",
+                            "\xed\xa0\x80", "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80",
+                            "\xc3;", "\xe2\x82|"})
         EXPECT_FALSE(shell_word_safe(bad)) << bad;
     EXPECT_FALSE(shell_word_safe(nullptr));
 }
