@@ -1035,6 +1035,34 @@ uint64_t Board::now_ns() const
            static_cast<uint64_t>(state_->clock_offset_ns.load());
 }
 
-void Board::advance_clock(uint64_t ns) const { state_->clock_offset_ns += static_cast<int64_t>(ns); }
+void Board::advance_clock(uint64_t ns) const
+{
+    state_->clock_offset_ns += static_cast<int64_t>(ns);
+    clock_advanced(*state_);
+}
+
+uint64_t board_now_ns(const Board::State &s)
+{
+    return real_monotonic_ns() + static_cast<uint64_t>(s.clock_offset_ns.load());
+}
+
+void on_clock_advance(Board::State &s, std::function<void()> listener)
+{
+    std::lock_guard<std::mutex> lock(s.watch_mu);
+    auto listeners = std::make_shared<std::vector<std::function<void()>>>(*s.clock_listeners);
+    listeners->push_back(std::move(listener));
+    s.clock_listeners = std::move(listeners);
+}
+
+void clock_advanced(Board::State &s)
+{
+    std::shared_ptr<const std::vector<std::function<void()>>> listeners;
+    {
+        std::lock_guard<std::mutex> lock(s.watch_mu);
+        listeners = s.clock_listeners;
+    }
+    for (const auto &listen : *listeners)
+        listen();
+}
 
 } // namespace vexa::sim

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,12 @@ struct Board::State {
     std::map<std::string, Service> services;
     std::multimap<std::string, FileWatcher> file_watchers; // by board path
     std::map<FILE *, int> popen_status;
+    // Called after this process moved the board's clock on (a fast sleep,
+    // a fast poll, advance_clock), and when the board is reset; replaced
+    // whole when one is added, so a sleep copies nothing.
+    std::shared_ptr<const std::vector<std::function<void()>>> clock_listeners =
+        std::make_shared<std::vector<std::function<void()>>>();
+    std::vector<std::function<void(const std::string &)>> reset_hooks;
     std::map<std::string, Knob> knob_table; // the knobs registered in this process
     std::mutex knob_mu; // guards the copy of ROOT/.board/knobs below
     std::string knob_stamp;
@@ -155,6 +162,14 @@ void notify_line_watchers(Board::State &s, const GpioRecord &record);
 // Calls the file watchers of this process with the file's contents now.
 void notify_file_watchers(Board::State &s, const std::string &board_path);
 bool has_file_watcher(Board::State &s, const std::string &board_path);
+
+// The board's clock in this process (Board::now_ns).
+uint64_t board_now_ns(const Board::State &s);
+// Models that wait on the board's clock hear of its moves.
+void on_clock_advance(Board::State &s, std::function<void()> listener);
+void clock_advanced(Board::State &s);
+// Resets the board as its reset line would (see Board::reset).
+void reset_board(Board::State &s, const std::string &reason);
 
 // A knob's value in force (Board::knob), for models that keep the state.
 std::string knob_value(Board::State &s, const std::string &name);

@@ -23,6 +23,10 @@ run rtc boot 2025-03-01 07:30:00
 check "rtc boot alarm is kept" "boot 2025-03-01 07:30:00" "$(run rtc | awk '$1 == "boot" {print $1, $2, $3}')"
 run rtc boot 2025-13-01 07:30:00 2>/dev/null
 check "a month of 13 is a usage error" 2 $?
+run rtc boot 2025-02-30 10:00:00 2>/dev/null
+check "a day February does not have fails" 1 "$(($? != 0))"
+run rtc boot 2028-02-29 06:30:00
+check "a leap day is kept" "boot 2028-02-29 06:30:00" "$(run rtc | awk '$1 == "boot" {print $1, $2, $3}')"
 run watchdog open && run watchdog feed && run watchdog close
 check "watchdog open, feed, close" 0 $?
 check "the watchdog was fed and closed" "feeds=1 open=0" \
@@ -57,6 +61,18 @@ run selftest >"$dir/selftest"
 check "selftest fails with a silent clock chip" 1 $?
 check "the clock chip's line says so" "IClock-Chip Error" "$(grep '^IClock-Chip' "$dir/selftest" | awk '{print $1, $2}')"
 check "selftest --json verdict" '"verdict":"fail"' "$(run --json selftest | tr -d ' \t\n' | grep -o '"verdict":"[a-z]*"')"
+
+# The kernel watchdog in real time, with a timeout of 1 s: left unfed it
+# resets the board within its timeout and a second; fed and closed, it does not.
+sed -i 's/^wdt_timeout = .*/wdt_timeout = 1/' "$board/vendor/etc/product.ini"
+: >"$board/.board/reboots"
+run watchdog open
+sleep 2
+check "an unfed watchdog resets the board" "watchdog" "$(cat "$board/.board/reboots")"
+for i in 1 2 3 4; do run watchdog feed; sleep 0.5; done
+run watchdog close
+sleep 1.5
+check "fed and closed, it does not" "watchdog" "$(cat "$board/.board/reboots")"
 
 for cmd in fan adc rtc watchdog ir audio volume chips info ps kill net selftest; do
     run $cmd --help >/dev/null 2>&1
