@@ -2,11 +2,14 @@
 // sysfs-style text files.
 #include "platform/hal.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "platform/os.h"
 #include "sim/state.h"
 
 extern "C" int hal_info_get_product_info(char *buffer)
@@ -80,15 +83,17 @@ extern "C" int hal_sys_write(const char *path, const char *text, int len)
         errno = EINVAL;
         return -1;
     }
-    std::ofstream out(s.host_path(path), std::ios::binary | std::ios::trunc);
-    if (!out) {
-        errno = ENOENT;
+    // Through the OS layer, so that a node's model (a sysfs attribute) takes
+    // the write or refuses it.
+    const int fd = vexa::os::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return -1;
+    const ssize_t n = vexa::os::write(fd, text, static_cast<size_t>(len));
+    const int error = errno;
+    vexa::os::close(fd);
+    if (n != len) {
+        errno = n < 0 ? error : EIO;
         return -1;
     }
-    out.write(text, len);
-    out.close();
-    if (!out)
-        return -1;
-    vexa::sim::file_written(s, path);
     return len;
 }

@@ -44,7 +44,7 @@ bool parse_process(const std::string &line, bi_process_info_t *p)
     return true;
 }
 
-// "list NAME" -> the matching lines; "kill PID" -> "ok" | "none".
+// "list NAME" -> the matching lines; "kill PID" -> "ok" | "none" | "init".
 std::string serve_processes(Board::State &s, const std::string &request)
 {
     std::istringstream words(request);
@@ -68,6 +68,8 @@ std::string serve_processes(Board::State &s, const std::string &request)
         if (op == "kill") {
             if (!killed)
                 return "none";
+            if (arg == "1")
+                return "init"; // init is not killed: SIGKILL from its own namespace is ignored
             write_state(s, "processes", kept);
             return "ok";
         }
@@ -277,9 +279,15 @@ extern "C" int hal_system_kill_pid(int32_t pid)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("hal_system_kill_pid", std::to_string(pid), int);
+    // One process: 0 and negative ids (a process group, every process) are
+    // not taken.
+    if (pid <= 0) {
+        errno = EINVAL;
+        return -1;
+    }
     const auto reply = call_service(s, "processes", "kill " + std::to_string(pid));
     if (!reply || *reply != "ok") {
-        errno = ESRCH;
+        errno = reply && *reply == "init" ? EPERM : ESRCH;
         return -1;
     }
     return 0;

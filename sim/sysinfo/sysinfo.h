@@ -15,15 +15,27 @@
 #ifndef VEXA_SIM_SYSINFO_H
 #define VEXA_SIM_SYSINFO_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "sim/board.h"
+#include "sim/state.h"
 
 namespace vexa::sim {
 
-// The sysfs files whose writes replace the whole value.
-const std::vector<std::string> &sysfs_attributes();
+// The sysfs files whose writes replace the whole value, with the values each
+// takes (a write of any other is EINVAL and leaves the file as it was):
+//   thermal/cooling_device0/cur_state   0 to its max_state (10)
+//   irblaster0/carrier_freq             10000 to 60000 (Hz)
+//   irblaster0/duty_cycle               1 to 99 (percent)
+//   irblaster0/send                     1 to 512 durations, each digits then 's'
+//   low_power_ctrl/status               "enable" or "disable"
+// (one trailing newline allowed, as the kernel's parsers allow it).
+struct SysfsAttributeRule {
+    std::string path;
+    std::function<bool(const Board::State &, const std::string &value)> takes;
+};
+const std::vector<SysfsAttributeRule> &sysfs_attributes();
 
 } // namespace vexa::sim
 
