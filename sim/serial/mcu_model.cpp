@@ -460,6 +460,7 @@ bool McuModel::boot_step()
             for (size_t i = 0; i < n; ++i)
                 flash_[offset + i] &= rx_[1 + i]; // programming only clears bits
             store_flash(offset, static_cast<uint32_t>(n));
+            activity_.written += n;
             consume(n + 2);
             send_byte(kAck);
         } else {
@@ -480,6 +481,7 @@ bool McuModel::boot_step()
             boot_state_ = BootState::command;
             if (ok) {
                 erases_.push_back(Erase{true, {}});
+                activity_.mass_erased = true;
                 std::fill(flash_.begin(), flash_.end(), 0xFF);
                 store_flash(0, kFlashSize);
             }
@@ -502,8 +504,10 @@ bool McuModel::boot_step()
         }
         consume(need);
         boot_state_ = BootState::command;
-        if (ok)
+        if (ok) {
+            activity_.erased_pages += static_cast<uint32_t>(erase.pages.size());
             erases_.push_back(std::move(erase));
+        }
         send_byte(ok ? kAck : kNack);
         return true;
     }
@@ -517,6 +521,7 @@ void McuModel::restart()
     held_reply_.clear();
     boot_ready_ = false;
     boot_state_ = BootState::command;
+    activity_ = FlashActivity{};
     running_version_ = default_version_;
     const size_t scan = std::min(flash_.size(), kVersionScan);
     static const char kMarker[] = "MCUVER=";
@@ -574,6 +579,12 @@ void McuModel::set_version(const std::string &text)
     default_version_ = text;
     if (from_default)
         running_version_ = text;
+}
+
+McuModel::FlashActivity McuModel::flash_activity() const
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    return activity_;
 }
 
 std::string McuModel::version() const

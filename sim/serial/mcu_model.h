@@ -109,6 +109,14 @@ public:
         std::vector<uint16_t> pages;
     };
     std::vector<Erase> erases() const;
+    // What the bootloader has done to the flash since the MCU last started:
+    // bytes written, pages erased, whether it was mass-erased.
+    struct FlashActivity {
+        uint64_t written = 0;
+        uint32_t erased_pages = 0;
+        bool mass_erased = false;
+    };
+    FlashActivity flash_activity() const;
     // Flash contents (length from the base).
     std::vector<uint8_t> flash(uint32_t length = kFlashSize) const;
     void fill_flash(uint8_t value = 0xFF);
@@ -190,6 +198,7 @@ private:
     uint32_t op_address_ = 0;
     uint16_t erase_field_ = 0;
     std::vector<Erase> erases_;
+    FlashActivity activity_;
     std::vector<uint8_t> rx_;
 
     unsigned pace_baud_ = 0;

@@ -1,15 +1,25 @@
-// vexactl's progress bar: what one line shows for a job's state. (That the
-// bar is drawn on a terminal only, after a second, and off standard output
-// is checked end to end by progress_test.py.)
+// vexactl's progress bar: what one line shows for a job's state, and how
+// the bar shares a terminal with messages. (That it is drawn on standard
+// error only when that is a terminal, and never on standard output, is
+// checked end to end by streams_test.py.)
 #include "tools/vexactl/progress.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <string>
+#include <thread>
+
+#include "tools/vexactl/command.h"
 
 namespace vexactl {
-// The bar's stream, which vexactl's main provides.
-FILE *errors() { return stderr; }
+// vexactl's standard error, which its main provides: here a terminal of
+// the test's own when it sets one.
+FILE *g_test_errors = stderr;
+FILE *errors() { return g_test_errors; }
 } // namespace vexactl
 
 namespace {
@@ -64,6 +74,55 @@ TEST(ProgressBar, AmountsInTheirUnits)
         EXPECT_EQ(amount_text(value, "bytes"), text) << value;
     EXPECT_EQ(amount_text(1536, "blocks"), "1536 blocks");
     EXPECT_EQ(amount_text(7, ""), "7");
+}
+
+// A message printed while the bar is drawn starts a line of its own, and
+// the bar goes on below it; nothing is drawn before the first second.
+TEST(ProgressBar, AMessageBreaksTheBarsLine)
+{
+    int main_fd = -1, side_fd = -1;
+    ASSERT_EQ(::openpty(&main_fd, &side_fd, nullptr, nullptr, nullptr), 0);
+    FILE *side = ::fdopen(side_fd, "w");
+    ASSERT_NE(side, nullptr);
+    std::setvbuf(side, nullptr, _IONBF, 0);
+    vexactl::g_test_errors = side;
+    auto take = [&] {
+        std::string text;
+        char buf[4096];
+        ::fcntl(main_fd, F_SETFL, O_NONBLOCK);
+        for (ssize_t n; (n = ::read(main_fd, buf, sizeof buf)) > 0;)
+            text.append(buf, static_cast<size_t>(n));
+        return text;
+    };
+    {
+        vexactl::Context ctx;
+        vexactl::Progress bar(ctx, "write", 4, "blocks");
+        ASSERT_TRUE(bar.shown());
+        bar.set(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        EXPECT_EQ(take(), "") << "drawn before a second had passed";
+        std::string screen;
+        for (int i = 0; i < 200 && screen.empty(); ++i) { // the first draw, after the second
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            screen = take();
+        }
+        vexactl::break_progress_line();
+        std::fputs("vexactl: a message\n", side);
+        bar.set(4);
+        bar.finish();
+        screen += take();
+        // The terminal shows each newline as a carriage return and a newline.
+        const std::string between = "\r\nvexactl: a message\r\n";
+        const size_t message = screen.find(between);
+        ASSERT_NE(message, std::string::npos) << screen;
+        EXPECT_EQ(screen.substr(0, 47), "\rwrite    [#######                       ]  25%") << screen;
+        const std::string after = screen.substr(message + between.size());
+        EXPECT_EQ(after.substr(0, 47), "\rwrite    [##############################] 100%") << screen;
+        EXPECT_EQ(after.substr(after.size() - 2), "\r\n") << screen;
+    }
+    vexactl::g_test_errors = stderr;
+    std::fclose(side);
+    ::close(main_fd);
 }
 
 } // namespace

@@ -103,7 +103,7 @@ int run_update(Context &ctx)
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
         cJSON_AddBoolToObject(o, "flashed", attempted);
-        cJSON_AddStringToObject(o, "version", now.c_str());
+        cJSON_AddItemToObject(o, "version", now.empty() ? cJSON_CreateNull() : cJSON_CreateString(now.c_str()));
         cJSON_AddStringToObject(o, "configured", configured.c_str());
         cJSON_AddBoolToObject(o, "current", current);
         print_json(ctx, o);
@@ -194,7 +194,7 @@ int run_flash(Context &ctx, const Args &args)
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
         cJSON_AddStringToObject(o, "image", path.c_str());
-        cJSON_AddNumberToObject(o, "size", static_cast<double>(image.size()));
+        cJSON_AddNumberToObject(o, "size_bytes", static_cast<double>(image.size()));
         cJSON_AddStringToObject(o, "type", type);
         cJSON_AddNumberToObject(o, "blocks", report.blocks);
         cJSON_AddBoolToObject(o, "verified", report.verified);
@@ -219,7 +219,7 @@ int run_links(Context &ctx)
         return fail("the MCU did not report every port; see 'vexactl log'");
     Table table({"port", "link"});
     for (int port = 0; port < 40; ++port)
-        table.row({port, (mask >> port) & 1u ? "up" : "down"});
+        table.row({port, Cell::truth((mask >> port) & 1u, "up", "down")});
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
         cJSON_AddNumberToObject(o, "mask", static_cast<double>(mask)); // 40 bits: exact in a double

@@ -202,6 +202,20 @@ bool read_input(const std::string &path, std::string *bytes);
 // Writes bytes to a file of the host, or to the command's output for "-".
 bool write_output(Context &ctx, const std::string &path, const std::string &bytes);
 
+// The error records (priority E) this process logs under a tag from now on:
+// how a command learns that a job the library reports as done failed, where
+// the library's only report is its log (a tar that failed).
+class ErrorWatch {
+public:
+    ErrorWatch(vexa::sim::Board &board, std::string tag);
+    // The records logged since the watch began, oldest first.
+    std::vector<vexa::sim::LogRecord> seen() const;
+
+private:
+    vexa::sim::Board &board_;
+    std::string tag_;
+};
+
 // Prints a JSON value on ctx.out and deletes it.
 void print_json(Context &ctx, cJSON *item);
 

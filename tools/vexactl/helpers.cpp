@@ -9,11 +9,13 @@
 
 #include "tools/vexactl/command.h"
 #include "tools/vexactl/parse.h"
+#include "tools/vexactl/progress.h"
 
 namespace vexactl {
 
 int fail(const char *fmt, ...)
 {
+    break_progress_line();
     FILE *err = errors();
     std::fprintf(err, "vexactl: ");
     va_list ap;
@@ -29,6 +31,7 @@ void say(const Context &ctx, const char *fmt, ...)
 {
     if (ctx.quiet)
         return;
+    break_progress_line();
     FILE *err = errors();
     va_list ap;
     va_start(ap, fmt);
@@ -43,6 +46,20 @@ int usage_error(const Command &command, const std::string &message)
     std::fprintf(errors(), "vexactl %s: %s\n%s\n", command.name.c_str(), message.c_str(),
                  usage_line(command).c_str());
     return 2;
+}
+
+ErrorWatch::ErrorWatch(vexa::sim::Board &board, std::string tag) : board_(board), tag_(std::move(tag))
+{
+    board_.new_log(); // marks where this watch begins
+}
+
+std::vector<vexa::sim::LogRecord> ErrorWatch::seen() const
+{
+    std::vector<vexa::sim::LogRecord> found;
+    for (auto &record : board_.new_log())
+        if (record.pid == ::getpid() && record.priority >= 6 && record.tag == tag_)
+            found.push_back(record);
+    return found;
 }
 
 bool parse_number(const std::string &text, long long min, long long max, long long *value)

@@ -185,7 +185,10 @@ int main(int argc, char **argv)
     if (int rc = parse_command_line(argc, argv, &line))
         return rc;
     if (line.version) {
-        std::fprintf(ctx.out, "vexactl (vexasdk) %s\n", VEXASDK_VERSION);
+        if (line.json)
+            std::fprintf(ctx.out, "{\"version\": \"%s\"}\n", VEXASDK_VERSION);
+        else
+            std::fprintf(ctx.out, "vexactl (vexasdk) %s\n", VEXASDK_VERSION);
         return std::fflush(ctx.out) == 0 ? 0 : fail("cannot write standard output");
     }
     if (!line.command) {

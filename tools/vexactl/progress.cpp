@@ -14,7 +14,26 @@ constexpr int kBarWidth = 30;
 constexpr auto kFirstDraw = std::chrono::seconds(1);
 constexpr auto kRedraw = std::chrono::milliseconds(250);
 
+// The bar being drawn, for break_progress_line. Taken before a bar's own
+// lock, never after it.
+std::mutex g_current_mu;
+Progress *g_current = nullptr;
+
 } // namespace
+
+void break_progress_line()
+{
+    std::lock_guard<std::mutex> current(g_current_mu);
+    if (!g_current)
+        return;
+    std::lock_guard<std::mutex> lock(g_current->mu_);
+    if (g_current->line_open_) {
+        std::fputc('\n', g_current->out_);
+        std::fflush(g_current->out_);
+        g_current->line_open_ = false;
+        g_current->width_ = 0;
+    }
+}
 
 std::string amount_text(uint64_t value, const std::string &unit)
 {
@@ -82,10 +101,22 @@ Progress::Progress(const Context &ctx, std::string phase, uint64_t total, std::s
     if (ctx.quiet || !::isatty(fileno(err)))
         return;
     out_ = err;
+    {
+        std::lock_guard<std::mutex> current(g_current_mu);
+        g_current = this;
+    }
     thread_ = std::thread([this] { run(); });
 }
 
-Progress::~Progress() { finish(); }
+Progress::~Progress()
+{
+    {
+        std::lock_guard<std::mutex> current(g_current_mu);
+        if (g_current == this)
+            g_current = nullptr;
+    }
+    finish();
+}
 
 void Progress::set(uint64_t done) { done_.store(done, std::memory_order_relaxed); }
 
@@ -154,6 +185,7 @@ void Progress::draw_locked(bool last)
     std::fprintf(out_, "\r%s%s", line.c_str(), last ? "\n" : "");
     std::fflush(out_);
     width_ = last ? 0 : width;
+    line_open_ = !last;
     visible_ = true;
 }
 

@@ -59,6 +59,11 @@ std::string render_bar(const BarState &state);
 // An amount with its unit: "250 blocks", bytes as "12.3 MiB".
 std::string amount_text(uint64_t value, const std::string &unit);
 
+// Ends the line of the bar drawn now, if any, so that a message printed on
+// standard error starts a line of its own (fail() and say() call it); the
+// bar goes on below it.
+void break_progress_line();
+
 class Progress {
 public:
     Progress(const Context &ctx, std::string phase, uint64_t total, std::string unit);
@@ -82,7 +87,9 @@ private:
     void run();
     void draw_locked(bool last);
 
+    friend void break_progress_line();
     FILE *out_ = nullptr;
+    bool line_open_ = false; // a line of the bar waits for its end
     std::mutex mu_;
     std::condition_variable wake_;
     bool stop_ = false;
