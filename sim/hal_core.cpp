@@ -3,6 +3,7 @@
 #include "platform/hal.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -66,13 +67,21 @@ extern "C" int hal_sys_read(const char *path, char *buf, int size)
         errno = EINVAL;
         return -1;
     }
-    std::ifstream in(s.host_path(path), std::ios::binary);
-    if (!in) {
-        errno = ENOENT;
+    const vexa::sim::Descriptor fd(s.folder().open(path, O_RDONLY));
+    if (!fd)
         return -1;
+    int got = 0;
+    while (got < size) {
+        const ssize_t n = ::read(fd.get(), buf + got, static_cast<size_t>(size - got));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        got += static_cast<int>(n);
     }
-    in.read(buf, size);
-    return static_cast<int>(in.gcount());
+    return got;
 }
 
 extern "C" int hal_sys_write(const char *path, const char *text, int len)

@@ -3,9 +3,6 @@
 // follow lines and registers kept as files) then see the new contents.
 #include <fcntl.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "sim/board.h"
 #include "sim/state.h"
 
@@ -51,9 +48,8 @@ VEXA_SIM_ATTACHER(shell_echo)
         const Echo echo = parse_echo(argv);
         if (echo.path.empty())
             return {0, echo.text + "\n"};
-        if (!s || echo.path.rfind("/", 0) != 0 || echo.path.find("..") != std::string::npos)
+        if (!s || echo.path.rfind("/", 0) != 0)
             return {1 << 8, ""};
-        const std::string host = s->host_path(echo.path);
         std::shared_ptr<DeviceModel> model;
         {
             std::lock_guard<std::mutex> lock(s->mu);
@@ -63,7 +59,7 @@ VEXA_SIM_ATTACHER(shell_echo)
         if (model) {
             // A node with a model (a sysfs attribute) takes the write as its
             // driver does, or refuses it: "echo: write error: Invalid argument".
-            const int fd = model->open(host, O_WRONLY | (echo.append ? O_APPEND : O_TRUNC), 0);
+            const int fd = model->open(s->folder(), echo.path, O_WRONLY | (echo.append ? O_APPEND : O_TRUNC), 0);
             if (fd < 0)
                 return {1 << 8, ""};
             const std::string line = echo.text + "\n";
@@ -71,16 +67,8 @@ VEXA_SIM_ATTACHER(shell_echo)
             model->close(fd);
             if (n != ssize_t(line.size()))
                 return {1 << 8, ""};
-            file_written(*s, echo.path);
-            return {};
-        }
-        std::error_code ec;
-        std::filesystem::create_directories(std::filesystem::path(host).parent_path(), ec);
-        {
-            std::ofstream out(host, echo.append ? std::ios::app : std::ios::trunc);
-            out << echo.text << "\n";
-            if (!out)
-                return {1 << 8, ""};
+        } else if (s->folder().write(echo.path, echo.text + "\n", echo.append) != 0) {
+            return {1 << 8, ""};
         }
         file_written(*s, echo.path);
         return {};

@@ -55,7 +55,7 @@ bool cable(Board::State &s, const std::string &name)
     while (std::getline(down, item, ','))
         if (item == name)
             return false;
-    std::ifstream in(s.host_path("/sys/class/net/" + name + "/carrier"));
+    std::istringstream in(s.folder().read("/sys/class/net/" + name + "/carrier").value_or(""));
     int value = 0;
     return (in >> value) && value == 1;
 }

@@ -125,7 +125,7 @@ public:
             return err(ENODEV);
         // The node must be on the board (and not a path out of it).
         if (dev.empty() || dev[0] != '/' || dev.find("..") != std::string::npos ||
-            ::access(s->host_path(dev).c_str(), F_OK) != 0)
+            s->folder().access(dev, F_OK) != 0)
             return err(ENOENT);
         std::string reply;
         bool bite = false;

@@ -63,7 +63,7 @@ const std::vector<SysfsAttributeRule> &sysfs_attributes()
         // The cooling state takes 0 to the device's max_state.
         {"/sys/class/thermal/cooling_device0/cur_state",
          Check([](const Board::State &s, const std::string &v) {
-             std::ifstream in(s.host_path("/sys/class/thermal/cooling_device0/max_state"));
+             std::istringstream in(s.folder().read("/sys/class/thermal/cooling_device0/max_state").value_or(""));
              unsigned long max = 0;
              return (in >> max) && number_in(v, 0, max);
          })},
@@ -92,9 +92,9 @@ public:
 
     // An attribute is not truncated or created by its opener: only a write
     // that is taken replaces its value.
-    int open(const std::string &host_path, int flags, mode_t mode) override
+    int open(const Folder &folder, const std::string &board_path, int flags, mode_t mode) override
     {
-        return ::open(host_path.c_str(), (flags & ~(O_TRUNC | O_CREAT | O_APPEND)) | O_CLOEXEC, mode);
+        return folder.open(board_path, (flags & ~(O_TRUNC | O_CREAT | O_APPEND)) | O_CLOEXEC, mode);
     }
 
     ssize_t write(int fd, const void *buf, size_t count) override
@@ -203,18 +203,16 @@ VEXA_SIM_ATTACHER(system_files)
         int status = 0;
         for (size_t i = 1; i < stages[0].size(); ++i) {
             const std::string &path = stages[0][i];
-            if (path.empty() || path[0] != '/' || path.find("..") != std::string::npos) {
+            if (path.empty() || path[0] != '/') {
                 status = 1 << 8;
                 continue;
             }
-            std::ifstream in(s->host_path(path), std::ios::binary);
-            if (!in) {
+            const auto contents = s->folder().read(path);
+            if (!contents) {
                 status = 1 << 8;
                 continue;
             }
-            std::ostringstream all;
-            all << in.rdbuf();
-            text += all.str();
+            text += *contents;
         }
         const auto out = run_filters(text, stages);
         if (!out)
