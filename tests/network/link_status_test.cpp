@@ -155,6 +155,7 @@ TEST_F(LinkTest, PhyCommandRunsAsGivenPipesIncluded)
     module("8474");
     vexa::sim::set_carrier(board(), "eth0", false);
     vexa::sim::set_carrier(board(), "eth1", true);
+    bring_up("eth1");
     board().clear_commands();
     EXPECT_EQ(check_network_port(1), 0);
     EXPECT_EQ(check_network_port(2), 1);
