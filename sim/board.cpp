@@ -112,7 +112,8 @@ Board::State::State() = default;
 
 Board::State::~State()
 {
-    // The host's threads call into the models: they stop first.
+    // The host's threads and the timers call into the models: they stop first.
+    timers.stop();
     host.reset();
     link.reset();
     if (temporary) {
@@ -1030,16 +1031,7 @@ uint64_t Board::now_ns() const
            static_cast<uint64_t>(state_->clock_offset_ns.load());
 }
 
-void Board::advance_clock(uint64_t ns) const
-{
-    state_->clock_offset_ns += static_cast<int64_t>(ns);
-    clock_advanced(*state_);
-}
-
-uint64_t board_now_ns(const Board::State &s)
-{
-    return real_monotonic_ns() + static_cast<uint64_t>(s.clock_offset_ns.load());
-}
+void Board::advance_clock(uint64_t ns) const { advance_board_clock(*state_, ns); }
 
 void on_clock_advance(Board::State &s, std::function<void()> listener)
 {
