@@ -192,6 +192,10 @@ void reset_board(Board::State &s, const std::string &reason);
 // A knob's value in force (Board::knob), for models that keep the state.
 std::string knob_value(Board::State &s, const std::string &name);
 
+// Whether writes to a board path fail because the knob partitions.fail_writes
+// names its partition (a name under /dev/block/by-name, or the node's path).
+bool partition_write_fails(Board::State &s, const std::string &board_path);
+
 // Calls a model's service (Board::call) on behalf of a platform call.
 std::optional<std::string> call_service(Board::State &s, const std::string &name,
                                         const std::string &request);

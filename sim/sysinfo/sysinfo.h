@@ -2,10 +2,15 @@
 // peripherals read and write, the mount table, the process table, the CPU
 // state and the USB list.
 //
-//   ROOT/.board/fstab        the board's own mounts, "DEVICE TARGET TYPE OPTIONS FREQ PASSNO";
-//                            df() lists them, then the mounts recorded in .board/mounts,
-//                            with the host's figures of the mapped folders
-//   ROOT/.board/processes    "PID PPID UID STATE RSS_KB NAME" a line; killing one removes it
+//   ROOT/.board/fstab        the board's own mounts, "DEVICE TARGET TYPE OPTIONS FREQ PASSNO
+//                            SIZE_KB USED_KB"; df() lists them with those figures, then the
+//                            mounts recorded in .board/mounts, each the size of its partition
+//                            (never the figures of the machine the board runs on)
+//   ROOT/.board/processes    "PID PPID UID STATE RSS_KB NAME" a line (sim/processes.h);
+//                            killing one removes it, init (1) is not killed (EPERM), a
+//                            missing pid is ESRCH; a reset lays out the boot table again
+//   /proc/meminfo, /proc/loadavg  the figures vexa::os::sysinfo gives, with the table's
+//                            process count and the uptime since ROOT/.board/boot
 //   ROOT/.board/usb_list     "BUS:DEV VID:PID NAME" a line
 //   ROOT/.board/sysinfo.conf cpu_usage=PERCENT (the CPU temperature is
 //                            /sys/class/thermal/thermal_zone0/temp)

@@ -171,10 +171,13 @@ VEXA_SIM_SEEDER(system_files)
     board.write_file("/proc/meminfo", kMeminfo);
     board.write_file("/d/dri/0/summary", kDriSummary);
     board.write_file("/sdcard/.keep", "");
-    board.write_file("/.board/fstab", "/dev/block/by-name/system / ext4 ro,seclabel,relatime 0 0\n"
-                                      "/dev/block/by-name/vendor /vendor ext4 ro,seclabel,relatime 0 0\n"
-                                      "/dev/block/by-name/userdata /data f2fs rw,seclabel,nosuid,nodev,noatime 0 0\n"
-                                      "/data/media /sdcard sdcardfs rw,nosuid,nodev,noexec,noatime 0 0\n");
+    // The eMMC's partitions: their size and what their files take, in KiB.
+    board.write_file("/.board/fstab",
+                     "/dev/block/by-name/system / ext4 ro,seclabel,relatime 0 0 2097152 1672804\n"
+                     "/dev/block/by-name/vendor /vendor ext4 ro,seclabel,relatime 0 0 524288 389120\n"
+                     "/dev/block/by-name/userdata /data f2fs rw,seclabel,nosuid,nodev,noatime 0 0 4718592 1258291\n"
+                     "/data/media /sdcard sdcardfs rw,nosuid,nodev,noexec,noatime 0 0 4718592 1258291\n");
+    board.write_file("/proc/loadavg", "0.52 0.58 0.59 1/612 4242\n");
     board.write_file("/.board/processes", kBootProcesses);
     board.write_file("/.board/usb_list", "001:001 1d6b:0002 Linux Foundation 2.0 root hub\n"
                                          "001:002 0bda:8179 Realtek RTL8188EUS 802.11n Wireless\n");

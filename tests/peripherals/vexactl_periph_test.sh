@@ -42,6 +42,9 @@ check "kill removes the process" "613" "$(run ps vexa_player | awk 'NR > 1 {prin
 run kill 612 2>/dev/null
 check "killing it again fails" 1 $?
 check "info shows the disk size" "disk:      8 GB" "$(run info | grep '^disk:')"
+check "info shows the board's memory, not the machine's" "ram:       3877 MB, 793 MB free" "$(run info | grep '^ram:')"
+check "and the board's processes (612 was killed)" "processes: 5" "$(run info | grep '^processes:')"
+check "and the board's partitions" "/data 4608" "$(run info | awk '$1 == "/data" {print $1, $4}')"
 check "info --json lists the mounts" '"mount":"/data"' "$(run --json info | tr -d ' \t\n' | grep -o '"mount":"/data"')"
 
 run net isolation on
