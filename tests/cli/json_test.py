@@ -58,9 +58,7 @@ def types_of(command, value, path, exempt):
 
 
 # Texts that are what the board holds, whatever they read like.
-EXEMPT_KEYS = {"value", "text", "contents", "version", "configured", "received", "sent", "hex", "name",
-               "level", "base", "mode", "total_size", "once_size", "tag", "modeline", "meaning", "governor",
-               "available", "otg", "status"}
+EXEMPT_KEYS = {"value", "text", "contents", "version", "configured", "received", "sent", "hex"}
 
 try:
     # The board, and what some commands need first.
@@ -79,7 +77,7 @@ try:
         ["rescue", "restore"],
         ["logd"], ["logd", "set", "level=info"], ["logd", "compress", "/syslog", "/sdcard/x.tgz"],
         ["logd", "clear", "/syslog/logs"],
-        ["sched", "bind", "4242"], ["sched", "unbind", "4242"], ["sched", "bind", "0"], ["sched", "governor"],
+        ["sched", "bind", "612"], ["sched", "unbind", "612"], ["sched", "bind", "0"], ["sched", "governor"],
         ["selftest"], ["ps", "vexa_player"], ["upgrade", "downgrade-flag"], ["ir", "status"],
         ["audio", "0", "get"], ["volume", "0"],
         ["resolution", "get"], ["resolution", "list"], ["resolution", "set", "1920", "1080"],
