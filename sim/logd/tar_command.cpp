@@ -6,6 +6,8 @@
 // word or the next one. Only creating is carried out; anything else fails
 // with exit status 2, as do a missing path and an archive that cannot be
 // written. Absolute paths map below the board's root and cannot leave it.
+// libarchive is loaded when the first archive is written
+// (archive_on_demand.cpp).
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
@@ -200,6 +202,8 @@ CommandResult tar(const std::string &root, const std::vector<std::string> &argv)
         return {kFatal, args.error + "\n"};
     const std::string archive_host = host_path(root, args.file);
     std::unique_ptr<archive, ArchiveFree> out(archive_write_new());
+    if (!out)
+        return {kFatal, "tar: libarchive (Debian package libarchive13) cannot be loaded\n"};
     if (args.gzip)
         archive_write_add_filter_gzip(out.get());
     archive_write_set_format_gnutar(out.get());
