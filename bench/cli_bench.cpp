@@ -147,7 +147,8 @@ int main(int argc, char **argv)
         }
     }
     if (status == 0) {
-        std::printf("whole processes, %d interleaved runs of each, medians\n", runs);
+        std::printf("whole processes, %d interleaved runs of each, medians; vexactl built as '%s'\n", runs,
+                    VEXA_BUILD_TYPE);
         std::printf("%-36s %8s %8s %10s %11s\n", "COMMAND", "CPU_MS", "WALL_MS", "CPU_RATIO", "WALL_RATIO");
         const double cpu0 = median(commands[0].cpu), wall0 = median(commands[0].wall);
         for (const auto &c : commands) {
