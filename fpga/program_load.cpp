@@ -314,25 +314,25 @@ VEXA_API int32_t open_hdr(void)
     char res[PROPERTY_VALUE_MAX] = {};
     property_get("persist.hdr.wantenable", want, "false");
     property_get("persist.hdr.res", res, "null");
-    VEXA_LOGI(kTagFw, "hdr: %s, res: %s", want, res);
+    VEXA_LOGI(kTagBi, "hdr: %s, res: %s", want, res);
     if (std::strcmp(want, "true") != 0) {
-        VEXA_LOGI(kTagFw, "%s hdr is false", __func__);
+        VEXA_LOGI(kTagBi, "%s hdr is false", __func__);
         property_set("sys.hdr.realyenable", "false");
         return 0;
     }
     if (std::strcmp(res, "null") == 0) {
-        VEXA_LOGI(kTagFw, "%s hdr res is null,not open hdr", __func__);
+        VEXA_LOGI(kTagBi, "%s hdr res is null,not open hdr", __func__);
         property_set("sys.hdr.realyenable", "false");
         return 0;
     }
-    VEXA_LOGI(kTagFw, "%s will open hdr now", __func__);
-    if (!vexa::shell_args_safe(kTagFw, __func__, {res}))
+    VEXA_LOGI(kTagBi, "%s will open hdr now", __func__);
+    if (!vexa::shell_args_safe(kTagBi, __func__, {res}))
         return -1;
     char command[256];
     std::snprintf(command, sizeof command,
                   "/system/bin/test-systemcontrol --setHDREnable hdr 422,10bit %s", res);
     const int ret = vexa::os::system(command);
-    VEXA_LOGI(kTagFw, "%s: system(%s) ret = %d", __func__, command, ret);
+    VEXA_LOGI(kTagBi, "%s: system(%s) ret = %d", __func__, command, ret);
     property_set("sys.hdr.realyenable", "true");
     return ret;
 }

@@ -32,9 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     PRODUCT_NUM = 2 + (data[0] & 1);
     // The model's knobs from the input: a silent port, no cards, a failing bus.
-    std::string knobs = "silent_ports=" + std::to_string(data[1] & 3) + "\ncards=" + std::to_string(data[2] % 3) +
-                        "\nspi=" + (data[3] == 0xFF ? "fail" : "ok") + "\n";
-    board.write_file("/.board/fpga.conf", knobs);
+    board.set_knobs({{"fpga.silent_ports", std::to_string(data[1] & 3)},
+                     {"fpga.cards", std::to_string(data[2] % 3)},
+                     {"fpga.spi", data[3] == 0xFF ? "fail" : "ok"}});
     const uint8_t port = data[4] & 7;
     const int32_t direction = data[5] % 3;
     const uint32_t address = uint32_t(data[6]) << 8 | data[7];

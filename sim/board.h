@@ -127,6 +127,39 @@ using Service = std::function<std::string(const std::string &request)>;
 // models follow files that stand for lines and registers this way.
 using FileWatcher = std::function<void(const std::string &board_path, const std::string &contents)>;
 
+// A fault knob (or setting) of a model, named "MODEL.KNOB": one table for the
+// whole board, which `vexactl board fault` lists and sets. A model's attacher
+// registers its knobs with Board::add_knob; the model reads a value with
+// Board::knob (or knob_value in sim/state.h) whenever it acts on it. Values
+// are board state, kept in ROOT/.board/knobs: set by one process, seen by
+// every process.
+struct Knob {
+    using Check = std::function<bool(const std::string &value)>;
+
+    std::string name;    // "mcu.reply": the model, a dot, the knob
+    std::string takes;   // the values it takes, for people: "ok|silent|nack", "BUS@ADDR,..."
+    std::string help;    // one line: what a value does
+    std::string initial; // its value while none is set ("ok"; "" for an empty list)
+    // Whether the knob takes a value (never asked of "", which clears it).
+    // Without one: a value is one of the '|'-separated words of `takes`.
+    Check check = {};
+    // Called in the host once the value has changed (set or cleared), with
+    // the value now in force: for a model that must act at once (a cable
+    // pulled) rather than when it next looks.
+    std::function<void(const std::string &value)> changed = {};
+
+    // Checks for values that are not words: a whole number from min to max
+    // (decimal or 0x), and a comma-separated list of items the item check takes.
+    static Check number(long long min, long long max);
+    static Check list_of(Check item);
+};
+
+// A knob as listed: its value in force and what it takes.
+struct KnobRow {
+    std::string name, value, takes, help;
+    bool set = false; // set on this board (not its initial value)
+};
+
 class Board;
 
 // Hooks that areas of the board register from their own files (see
@@ -277,6 +310,20 @@ public:
     // that may be seen as its last level only). In a client process: the
     // writes of this process.
     void watch_file(const std::string &board_path, FileWatcher watcher) const;
+
+    // Fault knobs (see Knob). add_knob is for attachers: the host holds the
+    // table. knob() is the value in force in any process: what was set, else
+    // the initial value of a knob this process registered, else "".
+    void add_knob(Knob knob) const;
+    std::string knob(const std::string &name) const;
+    // Every knob of the board, by name (from the host in a client).
+    std::vector<KnobRow> knobs() const;
+    // Sets knobs (a value "" clears one), all or none: 0, or -1 with errno
+    // ENOENT when a name is no knob of the board, EINVAL when a knob does not
+    // take its value; *refused then names that setting.
+    int set_knobs(const std::vector<std::pair<std::string, std::string>> &settings,
+                  std::string *refused = nullptr) const;
+    int set_knob(const std::string &name, const std::string &value) const;
 
     // The clock. With a fast clock sleeps return at once and advance it.
     bool fast_clock() const;

@@ -65,6 +65,10 @@ struct Board::State {
     std::map<std::string, Service> services;
     std::multimap<std::string, FileWatcher> file_watchers; // by board path
     std::map<FILE *, int> popen_status;
+    std::map<std::string, Knob> knob_table; // the knobs registered in this process
+    std::mutex knob_mu; // guards the copy of ROOT/.board/knobs below
+    std::string knob_stamp;
+    std::map<std::string, std::string> knob_set;
     mutable std::mutex watch_mu; // guards line_watchers
     // Replaced whole when one is added, so a drive copies no watcher.
     std::shared_ptr<const std::vector<Board::LineWatcher>> line_watchers =
@@ -150,6 +154,9 @@ void notify_line_watchers(Board::State &s, const GpioRecord &record);
 // Calls the file watchers of this process with the file's contents now.
 void notify_file_watchers(Board::State &s, const std::string &board_path);
 bool has_file_watcher(Board::State &s, const std::string &board_path);
+
+// A knob's value in force (Board::knob), for models that keep the state.
+std::string knob_value(Board::State &s, const std::string &name);
 
 // Calls a model's service (Board::call) on behalf of a platform call.
 std::optional<std::string> call_service(Board::State &s, const std::string &name,

@@ -2,6 +2,7 @@
 #include "vexasdk/Ubootenv.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <mtd/mtd-user.h>
 #include <unistd.h>
@@ -14,8 +15,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "platform/android.h"
 #include "platform/os.h"
@@ -123,6 +128,80 @@ bool second_copy_first(int fd, size_t image)
            std::memcmp(first.get(), second.get(), image) != 0;
 }
 
+// The partition's valid image as it is now: the first copy when its CRC
+// holds, else the second. False when neither holds (or it cannot be read).
+bool read_valid_image(const char *device, uint8_t *image, size_t size)
+{
+    const vexa::UniqueFd fd(vexa::os::open(device, O_RDONLY));
+    if (!fd)
+        return false;
+    const char *data = reinterpret_cast<const char *>(image + 4);
+    const uint32_t data_size = static_cast<uint32_t>(size - 4);
+    if (pread_fully(fd.get(), image, size, 0) && stored_crc(image) == data_crc(data, data_size))
+        return true;
+    return size <= static_cast<size_t>(kSecondCopy) && pread_fully(fd.get(), image, size, kSecondCopy) &&
+           stored_crc(image) == data_crc(data, data_size);
+}
+
+// The "key=value" texts of a data area, in order (texts without '=' skipped).
+std::vector<std::pair<std::string, std::string>> variables_of(const char *data, size_t size)
+{
+    std::vector<std::pair<std::string, std::string>> out;
+    for (size_t at = 0; at < size && data[at] != '\0';) {
+        const size_t len = strnlen(data + at, size - at);
+        const std::string text(data + at, len);
+        const size_t eq = text.find('=');
+        if (eq != std::string::npos)
+            out.emplace_back(text.substr(0, std::min(eq, kKeyMax - 1)),
+                             text.substr(eq + 1, kValueMax - 1));
+        at += len + 1;
+    }
+    return out;
+}
+
+// Entries an update took out of a store's list because another writer
+// removed their variable. A value pointer handed out earlier may still point
+// into one, so they are freed only with the store's other entries.
+std::mutex g_retired_mu;
+std::unordered_map<const ubootenv_attribute *, std::vector<ubootenv_attribute *>> g_retired;
+
+void retire(const ubootenv_attribute &header, ubootenv_attribute *entry)
+{
+    std::lock_guard<std::mutex> lock(g_retired_mu);
+    g_retired[&header].push_back(entry);
+}
+
+void free_retired(const ubootenv_attribute &header)
+{
+    std::vector<ubootenv_attribute *> entries;
+    {
+        std::lock_guard<std::mutex> lock(g_retired_mu);
+        auto it = g_retired.find(&header);
+        if (it == g_retired.end())
+            return;
+        entries = std::move(it->second);
+        g_retired.erase(it);
+    }
+    for (auto *entry : entries)
+        delete entry;
+}
+
+// Holds the cross-process lock that every writer of the partition takes
+// (flock on the device), for a scope. Without the device nothing is held:
+// the save that follows fails on its own.
+class PartitionLock {
+public:
+    explicit PartitionLock(const char *device) : fd_(vexa::os::open(device, O_RDONLY))
+    {
+        if (fd_)
+            while (::flock(fd_.get(), LOCK_EX) != 0 && errno == EINTR) {
+            }
+    }
+
+private:
+    vexa::UniqueFd fd_;
+};
+
 } // namespace
 
 #define ENV_E(...) say(ANDROID_LOG_ERROR, __func__, __LINE__, __VA_ARGS__)
@@ -224,7 +303,58 @@ void EnvStore::freeEntries()
         delete entry;
         entry = next;
     }
+    free_retired(mEnvAttrHeader);
     std::memset(&mEnvAttrHeader, 0, sizeof mEnvAttrHeader);
+}
+
+void EnvStore::refresh()
+{
+    if (mEnvData == nullptr || mEnvPartitionSize < 8)
+        return;
+    std::unique_ptr<uint8_t[]> image(new (std::nothrow) uint8_t[mEnvPartitionSize]);
+    if (!image || !read_valid_image(mEnvPartitionName, image.get(), mEnvPartitionSize))
+        return; // no valid copy: the save that follows writes this store's own
+    if (std::memcmp(image.get(), mEnvData, mEnvPartitionSize) == 0)
+        return; // nobody wrote since this store last read or saved
+    const auto fresh = variables_of(reinterpret_cast<const char *>(image.get() + 4), mEnvSize);
+
+    // Entries keep their place (a value pointer handed out stays one); a
+    // value another writer changed is copied in, a variable it added is
+    // appended, and one it removed leaves the list.
+    Ubootenv::Attribute *last = &mEnvAttrHeader;
+    while (last->next != nullptr)
+        last = last->next;
+    for (auto &[key, value] : fresh) {
+        if (set(key.c_str(), value.c_str(), false) != 0)
+            continue;
+        Ubootenv::Attribute *added = new (std::nothrow) Ubootenv::Attribute();
+        if (added == nullptr)
+            break;
+        copy_field(added->key, kKeyMax, key.data(), key.size());
+        copy_field(added->value, kValueMax, value.data(), value.size());
+        last->next = added;
+        last = added;
+    }
+    const auto kept = [&fresh](const char *key) {
+        return std::any_of(fresh.begin(), fresh.end(), [key](const auto &v) { return v.first == key; });
+    };
+    if (mEnvAttrHeader.key[0] != '\0' && !kept(mEnvAttrHeader.key)) {
+        // The first entry is part of the store: it is emptied, and an empty
+        // entry is dropped when the data area is rebuilt.
+        mEnvAttrHeader.key[0] = '\0';
+        mEnvAttrHeader.value[0] = '\0';
+    }
+    for (Ubootenv::Attribute *entry = &mEnvAttrHeader; entry->next != nullptr;) {
+        Ubootenv::Attribute *next = entry->next;
+        if (kept(next->key)) {
+            entry = next;
+            continue;
+        }
+        entry->next = next->next;
+        next->next = nullptr;
+        retire(mEnvAttrHeader, next);
+    }
+    std::memcpy(mEnvData, image.get(), mEnvPartitionSize);
 }
 
 void EnvStore::release()
@@ -455,6 +585,10 @@ int EnvStore::set(const char *key, const char *value, bool createNew)
 {
     if (key == nullptr)
         return 0;
+    if (std::strchr(key, '=') != nullptr) {
+        ENV_E("[ubootenv] %s is not a valid variable name: it holds '='\n", key);
+        return 0;
+    }
     if (value == nullptr)
         value = "";
     // Compare and store the key as the entry holds it.
@@ -521,10 +655,23 @@ int EnvStore::updateValue(const char *name, const char *value)
         return -2;
     }
 
+    // A '=' in the name would end the name early in the partition's
+    // "name=value" text and leave a second record of another name.
+    if (std::strchr(key, '=') != nullptr) {
+        ENV_E("[ubootenv] %s is not a valid variable name: it holds '='\n", name);
+        return -1;
+    }
+
     // The value as an entry can hold it, so that an over-long value that is
     // already stored counts as unchanged.
     const std::string wanted(value, strnlen(value, kValueMax - 1));
     Hold hold(mEnvLock);
+    // Other writers (another store of this process, another process) may
+    // have saved since this store read the partition: the update starts from
+    // what the partition holds now, under the lock every writer takes, so
+    // that no writer's work is saved over.
+    const PartitionLock partition(mEnvPartitionName);
+    refresh();
     const char *current = get(key);
     if (wanted == (current ? current : ""))
         return 0;

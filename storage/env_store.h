@@ -47,6 +47,10 @@ public:
 
 private:
     void freeEntries();
+    // Brings the entries up to the partition's valid image as it is now,
+    // keeping the entries (and the value pointers handed out) of variables
+    // that are still there. Nothing changes when no copy is valid.
+    void refresh();
     bool devicePresent(const char *path);
     bool allocateImage();
     int writeCopies(int fd);

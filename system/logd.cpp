@@ -178,16 +178,21 @@ VEXA_API int32_t bi_vexa_logd_clear(const char *dir)
         }
     }
     int last = 0;
+    bool refused = false;
     for (const std::string &name : names) {
         const std::string target = std::string(dir) + "/" + name;
         // A name the shell would not take literally is left alone; so is one
         // whose command would not fit (a cut command names another path).
-        if (!vexa::shell_paths_safe(kTag, __func__, {target.c_str()}))
+        // Either stays, so the clear has failed whatever comes after.
+        if (!vexa::shell_paths_safe(kTag, __func__, {target.c_str()})) {
+            refused = true;
             continue;
+        }
         const int n = std::snprintf(cmd.get(), kCommandSize, "/system/bin/rm -r %s/%s", dir, name.c_str());
         if (n < 0 || static_cast<size_t>(n) >= kCommandSize) {
             VEXA_LOGE(kTag, "%s: command for %s does not fit %zu bytes\n", __func__, target.c_str(),
                       kCommandSize);
+            refused = true;
             continue;
         }
         VEXA_LOGD(kTag, "VexaClearFile execute delete cmd\n");
@@ -195,7 +200,7 @@ VEXA_API int32_t bi_vexa_logd_clear(const char *dir)
         if (last != 0)
             VEXA_LOGE(kTag, "%s: %s failed (exit %d)\n", __func__, cmd.get(), exit_code(last));
     }
-    return last != 0 ? -5 : 0;
+    return last != 0 || refused ? -5 : 0;
 }
 
 } // extern "C"

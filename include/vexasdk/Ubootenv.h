@@ -32,6 +32,24 @@
 // written in the same order; only erase blocks larger than 64 KiB, which hold
 // parts of both copies, leave the erase-everything-then-write window.
 //
+// Several writers. Every store of the partition, in this process or another,
+// takes one lock while it updates: an advisory lock (flock) on the device.
+// Under it updateValue() reads the partition afresh and merges what other
+// writers saved into its entries (a changed value is copied into its entry in
+// place, an added variable is appended, a removed one leaves the list) before
+// it sets its own variable and saves. So a store's copy in memory, read once
+// at init, is never saved over newer work, and every writer's last update
+// stays. When neither copy on the medium is valid the store saves its own
+// entries, as a single writer always has. The lookups (get, getValue) answer
+// from the copy in memory, as of the last init or update.
+//
+// Names. A name whose variable part holds '=' cannot be stored: the
+// partition's "name=value" text would read back as another name and value
+// ("bootdelay=9;reset" would leave a second bootdelay). updateValue() refuses
+// it with -1 and set() with 0, each with the error message "[ubootenv] NAME is
+// not a valid variable name: it holds '='", and nothing is written. An empty
+// variable part ("ubootenv.var.") is not a variable at all (-2).
+//
 // Errors: every member returns the codes listed at it and logs under the tag
 // "Ubootenv". Each message begins "[Ubootenv.cpp, <member>, <line>] ".
 // Messages are filtered by the property "persist.vendor.sc.log.level"
@@ -46,7 +64,8 @@
 // save(), printValues() and dump() take no lock: call them from one thread or
 // under your own lock. A value pointer returned by get() or getValue() points
 // into the entry: it stays valid until reInit() or destruction, and its text
-// changes in place when the same variable is updated.
+// changes in place when the same variable is updated (by this store, or by
+// another writer whose save an update of this store takes in).
 #ifndef VEXASDK_UBOOTENV_H
 #define VEXASDK_UBOOTENV_H
 
@@ -91,7 +110,7 @@ public:
     // The value of key (without prefix), or null when absent or before init.
     const char *get(const char *key);
     // Sets key (without prefix) to value: 2 replaced; 1 created (createNew);
-    // 0 absent and not created.
+    // 0 absent and not created, or a key holding '='.
     int set(const char *key, const char *value, bool createNew);
     // True for a non-empty name that begins with "ubootenv.var." and is
     // longer than the prefix.
@@ -99,9 +118,10 @@ public:
     // The value of a prefixed name, or null (an unprefixed name logs every
     // entry).
     const char *getValue(const char *name);
-    // Sets a prefixed name and saves (up to five attempts). 0 unchanged or
-    // saved; -1 not initialised; -2 not a variable; otherwise the last save()
-    // result.
+    // Sets a prefixed name and saves (up to five attempts), starting from the
+    // partition as other writers left it (see "Several writers"). 0 unchanged
+    // or saved; -1 not initialised, or a name holding '='; -2 not a variable;
+    // otherwise the last save() result.
     int updateValue(const char *name, const char *value);
     // Writes both copies, each flushed before the other is touched (see
     // "Power loss" above). 0; -1 open failed; -2 erase failed; -3 write or

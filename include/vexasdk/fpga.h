@@ -21,7 +21,8 @@
  * from config_info (parseConfigInfo) and refuse (-1; fpgaCheckDone 0) while
  * it is not loaded.
  *
- * Logging: "vexa_system_bi_fpga" for the bi_ functions and the receiving
+ * Logging: "vexa_system_bi_fpga" for the bi_ functions, open_hdr (also when
+ * a load process runs it) and the receiving
  * cards; "vexa_system_fw_update" for the load processes, fpgaCheckDone, the
  * UDP and screen-partition parameter paths, the flash update and the network
  * bring-up. Texts are fixed (clients match them), misspellings included.

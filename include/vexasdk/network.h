@@ -72,10 +72,17 @@ VEXA_API int32_t bi_network_get_phy_link_status(void);
 /* The link check of the board's module id: eth0's carrier, the PHY link
  * mask, or -1 for a module without one. */
 VEXA_API int32_t bi_network_detection(void);
-/* Client isolation of the access point: on 1, off 0. 0 when it is (now) as
- * asked (no change is made when it already was), -1 for another value, -2
- * without a line buffer, -3 when iptables cannot be run, 252 when the change
- * failed. */
+/* Client isolation of the access point: on 1, off 0. Reads the FORWARD
+ * chain; when the state differs, adds or deletes the DROP rule for
+ * 192.168.41.0/24 with iptables. 0 when it already was as asked (no change
+ * is made) and when iptables ran and exited, whatever its exit status, as
+ * the access point's tools have always had it: an exit status other than 0
+ * leaves the rule as it was and is logged as a warning ("...: COMMAND
+ * exited with N: the isolation is not changed"), so a caller that must know
+ * reads the state back with bi_network_get_ap_insulation (vexactl does).
+ * -1 for another value, -2 without a line buffer, -3 when iptables cannot
+ * be run for the scan, 252 when the change did not run or did not exit
+ * (killed by a signal). */
 VEXA_API int32_t bi_network_set_ap_insulation(int32_t on);
 /* 1 on, 0 off, -1 without a line buffer, -2 when iptables cannot be run. */
 VEXA_API int32_t bi_network_get_ap_insulation(void);

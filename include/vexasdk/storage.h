@@ -76,9 +76,15 @@ VEXA_API int32_t bi_block_check(const char *device);
  *
  * Errors: ubootenv_init returns 0, -2 (no device or no copy could be read) or
  * -3 (MEMGETINFO failed); ubootenv_update_value returns 0 (unchanged or
- * saved), -1 (not initialised), -2 (not a variable) or the last save result
+ * saved), -1 (not initialised, or a name holding '='), -2 (not a variable)
+ * or the last save result
  * (-1 open, -2 erase, -3 write or flush, -4 MEMGETINFO, -5 memory, -6
  * read-back, -7 seek failed).
+ *
+ * Several writers: an update takes the lock every writer of the partition
+ * takes (flock on the device, in any process) and starts from the partition
+ * as the others left it, so no writer's update is saved over (see
+ * Ubootenv.h, "Several writers").
  *
  * Threads: a mutex (mEnvLock) guards ubootenv_update_value,
  * ubootenv_get_value and ubootenv_reinit. Call ubootenv_init and

@@ -101,21 +101,29 @@ VEXA_API int32_t bi_vexa_logd_get_configure(vexa_logd_config_t *out);
  * ARCHIVE DIR"), then makes it readable and writable by all ("chmod 666").
  * For dir "/syslog/logs" the video and display tools are first told to stop
  * ("sys.video_tools.state", "sys.display_tools.state" = "true") and given 2
- * seconds. Returns 0 whether or not tar succeeded (a failed tar or chmod is
- * logged as an error; check the archive), and also 0 without doing anything
- * when the two paths together have 998 characters or more; -2 dir null, -3
- * archive null; -1 when dir or archive is not a plain absolute path (shell
+ * seconds. Returns 0 whether or not tar succeeded, as the daemon's tools
+ * have always had it: a failed tar or chmod is logged as an error under
+ * "vexa_system_bi_vexa_logd" ("bi_vexa_logd_compress: tar of DIR into
+ * ARCHIVE failed (exit N)"), and tar may have left a partial or empty
+ * archive (a missing dir gives an empty one). A caller that needs the
+ * archive checks for that error line, or that dir exists before and the
+ * archive after; vexactl does both. Also 0 without doing anything when the
+ * two paths together have 998 characters or more; -2 dir null, -3 archive
+ * null; -1 when dir or archive is not a plain absolute path (shell
  * metacharacters, a ".." component, "/" itself). */
 VEXA_API int32_t bi_vexa_logd_compress(const char *dir, const char *archive);
 /* Removes every entry of dir ("/system/bin/rm -r DIR/NAME"), files and
  * subdirectories alike, except the daemon's current log file: the entry whose
  * name is the last 13 characters of "persist.vendor.vexa_logd.path" (the
- * whole path when it is shorter). 0; -1 when the path property is empty or
- * dir is not a plain absolute path; -2 dir longer than 1004 characters; -3
- * no memory; -4 dir cannot be opened; -5 when the last removal failed
- * (earlier failures are logged as errors but do not change the result). An
- * entry whose name is not plain text for the shell, or too long for the
- * command, is left in place and logged. */
+ * whole path when it is shorter). 0 when every other entry was removed; -1
+ * when the path property is empty or dir is not a plain absolute path; -2
+ * dir longer than 1004 characters; -3 no memory; -4 dir cannot be opened;
+ * -5 when an entry stays. An entry whose name is not plain text for the
+ * shell, or too long for the command, is never passed to rm: it stays, is
+ * logged as an error and makes the result -5 wherever it comes. A removal
+ * rm fails counts as the directory's tools have always counted it: only the
+ * last one run decides between -5 and 0 (earlier failures are logged as
+ * errors); check the directory when every entry matters. */
 VEXA_API int32_t bi_vexa_logd_clear(const char *dir);
 
 /* ---- end of log daemon configuration ---- */

@@ -181,10 +181,6 @@ std::string pattern(size_t n, uint8_t seed)
     return s;
 }
 
-const char kConfTemplate[] = "# The virtual board's FPGA: settings and fault knobs, read when the FPGA\n"
-                             "# needs them (see 'vexactl fpga knob --help'). For example:\n"
-                             "#   done=never      the done pin never rises\n"
-                             "#   spi=fail        every SPI transfer fails\n";
 
 } // namespace
 
@@ -244,7 +240,6 @@ VEXA_SIM_SEEDER(fpga)
     board.write_file("/sys/class/ethernet/phyreg", "");
     if (!board.exists("/proc/modules"))
         board.write_file("/proc/modules", "");
-    board.write_file("/.board/fpga.conf", kConfTemplate);
     // The FPGA booted from its flash, which holds program 1.
     board.write_file("/.board/fpga/program.bin", default_fpga_program(1));
     board.write_file("/.board/fpga/state", "configured=1\nddr=1\n");

@@ -30,7 +30,6 @@ namespace vexa::sim {
 
 namespace {
 
-constexpr const char *kConf = "/.board/fpga.conf";
 constexpr const char *kStateFile = "/.board/fpga/state";
 constexpr const char *kProgramFile = "/.board/fpga/program.bin";
 constexpr const char *kCardsFile = "/.board/fpga/cards";
@@ -254,17 +253,15 @@ FpgaModel::~FpgaModel()
 
 FpgaKnobs FpgaModel::knobs() const
 {
-    // Read again whenever the file changed.
-    struct stat st {};
-    const bool present = ::stat((root_ + kConf).c_str(), &st) == 0;
-    const std::string stamp = present ? std::to_string(st.st_mtim.tv_sec) + "." +
-                                            std::to_string(st.st_mtim.tv_nsec) + "." +
-                                            std::to_string(st.st_size) + "." + std::to_string(st.st_ino)
-                                      : "";
+    // The board's "fpga.KEY" knobs, parsed again whenever one changed.
+    std::string text;
+    if (auto s = state_.lock())
+        for (const auto &[key, values] : fpga_knob_keys())
+            text += key + "=" + knob_value(*s, "fpga." + key) + "\n";
     std::lock_guard<std::mutex> lock(knobs_mu_);
-    if (stamp != knobs_stamp_ || stamp.empty()) {
-        knobs_ = parse_fpga_knobs(present ? read_host(root_ + kConf) : "");
-        knobs_stamp_ = stamp;
+    if (text != knobs_stamp_) {
+        knobs_ = parse_fpga_knobs(text);
+        knobs_stamp_ = text;
     }
     return knobs_;
 }

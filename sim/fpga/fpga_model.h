@@ -40,9 +40,9 @@
 // is answered by the port's first card, whose reply is ready (status 0x84)
 // once the frame has been sent with the enable handshake.
 //
-// Settings and fault knobs: ROOT/.board/fpga.conf, "key=value" lines, read
-// whenever the model needs them, so any process (vexactl fpga knob) can set
-// them:
+// Settings and fault knobs: the board's knobs "fpga.KEY" (Board::knob), read
+// whenever the model needs them, so any process (vexactl board fault, or
+// vexactl fpga knob) can set them:
 //   done=normal|never|stuck_high   the done pin never rises / never falls
 //   spi=ok|fail                    every SPI transfer fails (EIO)
 //   cards=N                        cards per port (0: none answers)
@@ -104,9 +104,9 @@ struct FpgaKnobs {
     bool udp_silent = false;
     long long mtd_cut = -1;
 };
-// The knobs of a fpga.conf text; unknown keys and bad values are ignored.
+// The knobs of a "KEY=VALUE" a line text; unknown keys and bad values are ignored.
 FpgaKnobs parse_fpga_knobs(const std::string &text);
-// The keys fpga.conf takes, with their values, for help texts.
+// The FPGA's knob keys ("fpga." before each on the board), with their values.
 const std::vector<std::pair<std::string, std::string>> &fpga_knob_keys();
 
 // Programs of the default board: 1 runs on it and is in its flash and

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include <iniparser.h>
+
 #include "platform/hal.h"
 #include "sim/state.h"
 
@@ -53,54 +55,55 @@ void save(const Board::State &s, const std::vector<Reg> &regs)
 
 std::string chip_name(const std::string &bus, unsigned addr) { return bus + "@" + hex(addr); }
 
-bool silent(const Board::State &s, const std::string &bus, unsigned addr)
+// A chip "BUS@ADDR" of the knob i2c.silent (ADDR decimal or 0x).
+bool parse_chip(const std::string &item, std::string *bus, unsigned *addr)
 {
-    std::istringstream in(read_state(s, "i2c.conf"));
-    std::string line;
-    const std::string chip = chip_name(bus, addr);
-    while (std::getline(in, line)) {
-        if (line.rfind("silent", 0) != 0 || line.find('=') == std::string::npos)
-            continue;
-        std::istringstream list(line.substr(line.find('=') + 1));
-        std::string item;
-        while (std::getline(list, item, ',')) {
-            item.erase(0, item.find_first_not_of(' '));
-            item.erase(item.find_last_not_of(' ') + 1);
-            if (item == chip)
-                return true;
-        }
+    const auto at = item.rfind('@');
+    if (at == std::string::npos || at == 0 || item[0] != '/')
+        return false;
+    const std::string a = item.substr(at + 1);
+    char *end = nullptr;
+    const unsigned long n = std::strtoul(a.c_str(), &end, 0);
+    if (a.empty() || *end != '\0' || a[0] == '-' || a[0] == '+' || n > 0x7f)
+        return false;
+    *bus = item.substr(0, at);
+    *addr = unsigned(n);
+    return true;
+}
+
+std::vector<std::string> silent_list(Board::State &s)
+{
+    std::vector<std::string> items;
+    std::istringstream list(knob_value(s, "i2c.silent"));
+    std::string item;
+    while (std::getline(list, item, ','))
+        if (!item.empty())
+            items.push_back(item);
+    return items;
+}
+
+// The RTC chip of the product INI, silent with the RTC (rtc.chip=silent).
+struct RtcChip {
+    std::string bus;
+    unsigned addr = 0;
+};
+
+bool silent(Board::State &s, const RtcChip &rtc, const std::string &bus, unsigned addr)
+{
+    if (!rtc.bus.empty() && rtc.bus == bus && rtc.addr == addr && knob_value(s, "rtc.chip") == "silent")
+        return true;
+    for (const std::string &item : silent_list(s)) {
+        std::string b;
+        unsigned a = 0;
+        if (parse_chip(item, &b, &a) && b == bus && a == addr)
+            return true;
     }
     return false;
 }
 
-void set_silent(const Board::State &s, const std::string &bus, unsigned addr, bool on)
-{
-    std::string list;
-    std::istringstream in(read_state(s, "i2c.conf"));
-    std::string line, rest;
-    const std::string chip = chip_name(bus, addr);
-    while (std::getline(in, line)) {
-        if (line.rfind("silent", 0) == 0 && line.find('=') != std::string::npos) {
-            std::istringstream items(line.substr(line.find('=') + 1));
-            std::string item;
-            while (std::getline(items, item, ',')) {
-                item.erase(0, item.find_first_not_of(' '));
-                item.erase(item.find_last_not_of(' ') + 1);
-                if (!item.empty() && item != chip)
-                    list += (list.empty() ? "" : ",") + item;
-            }
-        } else {
-            rest += line + "\n";
-        }
-    }
-    if (on)
-        list += (list.empty() ? "" : ",") + chip;
-    write_state(s, "i2c.conf", rest + "silent = " + list + "\n");
-}
-
 // "read BUS ADDR REG" -> "ok VALUE" | "nak"; "write BUS ADDR REG VALUE" ->
-// "ok" | "nak"; "set ..." writes even a missing chip; "silent BUS ADDR 0|1".
-std::string serve_i2c(Board::State &s, const std::string &request)
+// "ok" | "nak"; "set ..." writes even a missing chip.
+std::string serve_i2c(Board::State &s, const RtcChip &rtc, const std::string &request)
 {
     std::istringstream words(request);
     std::string op, bus, a, g, v;
@@ -109,10 +112,6 @@ std::string serve_i2c(Board::State &s, const std::string &request)
     const unsigned reg = std::strtoul(g.c_str(), nullptr, 0) & 0xff;
     const unsigned value = std::strtoul(v.c_str(), nullptr, 0) & 0xff;
     return with_board_lock(s, [&]() -> std::string {
-        if (op == "silent") {
-            set_silent(s, bus, addr, g == "1");
-            return "ok";
-        }
         auto regs = load(s);
         bool chip = false;
         Reg *found = nullptr;
@@ -123,7 +122,7 @@ std::string serve_i2c(Board::State &s, const std::string &request)
                     found = &r;
             }
         }
-        if (op != "set" && (!chip || silent(s, bus, addr)))
+        if (op != "set" && (!chip || silent(s, rtc, bus, addr)))
             return "nak";
         if (op == "read")
             return "ok " + hex(found ? found->value : 0);
@@ -164,7 +163,18 @@ void set_i2c_register(const Board &board, const std::string &bus, uint8_t addr, 
 
 void set_i2c_silent(const Board &board, const std::string &bus, uint8_t addr, bool on)
 {
-    board.call("i2c", "silent " + bus + " " + hex(addr) + " " + (on ? "1" : "0"));
+    std::string list;
+    std::istringstream items(board.knob("i2c.silent"));
+    std::string item;
+    while (std::getline(items, item, ',')) {
+        std::string b;
+        unsigned a = 0;
+        if (!item.empty() && !(parse_chip(item, &b, &a) && b == bus && a == addr))
+            list += (list.empty() ? "" : ",") + item;
+    }
+    if (on)
+        list += (list.empty() ? "" : ",") + chip_name(bus, addr);
+    board.set_knob("i2c.silent", list);
 }
 
 } // namespace vexa::sim
@@ -182,17 +192,30 @@ VEXA_SIM_SEEDER(i2c_chips)
                      "/dev/i2c-2 0x1b 0x02 0x01\n/dev/i2c-2 0x1b 0x03 0x00\n"
                      "/dev/i2c-2 0x1b 0x04 0x00\n/dev/i2c-2 0x1b 0x05 0x20\n"
                      "/dev/i2c-3 0x51 0x02 0x00\n/dev/i2c-3 0x68 0x0f 0x81\n");
-    board.write_file("/.board/i2c.conf", "# chips that do not answer: BUS@ADDR, comma-separated\n"
-                                         "silent = \n");
 }
 
 VEXA_SIM_ATTACHER(i2c_chips)
 {
+    RtcChip rtc;
+    if (board.exists("/vendor/etc/product.ini")) {
+        if (dictionary *ini = iniparser_load(board.host_path("/vendor/etc/product.ini").c_str())) {
+            rtc.bus = iniparser_getstring(ini, "i2c:i2c_rtc_0_path", "");
+            rtc.addr = unsigned(iniparser_getint(ini, "i2c:i2c_rtc_0_device", 0)) & 0x7f;
+            iniparser_freedict(ini);
+        }
+    }
     std::weak_ptr<Board::State> weak = attached();
-    board.serve("i2c", [weak](const std::string &req) -> std::string {
+    board.serve("i2c", [weak, rtc](const std::string &req) -> std::string {
         auto s = weak.lock();
-        return s ? serve_i2c(*s, req) : "nak";
+        return s ? serve_i2c(*s, rtc, req) : "nak";
     });
+    board.add_knob({"i2c.silent", "BUS@ADDR,...",
+                    "these chips never acknowledge (ENXIO), e.g. /dev/i2c-1@0x1a", "",
+                    Knob::list_of([](const std::string &item) {
+                        std::string bus;
+                        unsigned addr = 0;
+                        return parse_chip(item, &bus, &addr);
+                    })});
 }
 
 extern "C" int hal_i2c_reg_read(const char *path, uint8_t dev_addr, uint8_t reg_addr, uint8_t *out)

@@ -3,9 +3,10 @@
 //
 // State lives in ROOT/.board/i2c, one register a line: "BUS ADDR REG VALUE"
 // (hex), so every process that attaches the board sees the same chips. A
-// chip exists when it has a register line. ROOT/.board/i2c.conf holds the
-// fault knob "silent = BUS@ADDR,..." for chips that do not answer. A person
-// may edit either file; the calls below do it for tests and vexactl.
+// chip exists when it has a register line; a person may edit the file. The
+// board's knob i2c.silent ("BUS@ADDR,...") names chips that never acknowledge
+// (a read or write fails with ENXIO, as the bus driver answers a NAK); the
+// RTC chip of the product INI is silent too while rtc.chip=silent.
 #ifndef VEXA_SIM_I2C_CHIPS_H
 #define VEXA_SIM_I2C_CHIPS_H
 

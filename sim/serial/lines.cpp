@@ -28,19 +28,63 @@ namespace vexa::sim {
 
 namespace {
 
+// What the board side of a plain line wrote lately, kept in
+// ROOT/.board/serial/NAME (see serial_output_path) for the board's view and
+// any other reader: the newest bytes, 64 KiB at most (past that the newest
+// 32 KiB stay, written anew and renamed over the old file).
+class Capture {
+public:
+    explicit Capture(std::string host_path) : path_(std::move(host_path))
+    {
+        std::error_code ec;
+        std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
+        write_whole();
+    }
+    void append(const char *data, size_t n)
+    {
+        kept_.append(data, n);
+        if (kept_.size() > kMax) {
+            kept_.erase(0, kept_.size() - kMax / 2);
+            write_whole();
+            return;
+        }
+        const int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0)
+            return;
+        (void)!::write(fd, data, n);
+        ::close(fd);
+    }
+
+private:
+    static constexpr size_t kMax = 64 * 1024;
+    void write_whole()
+    {
+        const std::string temp = path_ + ".new";
+        const int fd = ::open(temp.c_str(), O_WRONLY | O_TRUNC | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0)
+            return;
+        (void)!::write(fd, kept_.data(), kept_.size());
+        ::close(fd);
+        ::rename(temp.c_str(), path_.c_str());
+    }
+    std::string path_;
+    std::string kept_;
+};
+
 // Joins each plain line's board side to its far end: what one side's
 // master reads, the other's master writes. A side whose reader does not
 // keep up loses the oldest bytes past 64 KiB, as a UART's receiver would
-// overrun.
+// overrun. What the board side writes is also kept in the line's capture.
 class Bridge {
 public:
-    explicit Bridge(std::vector<std::shared_ptr<SerialLine>> lines) : lines_(std::move(lines))
+    Bridge(std::vector<std::shared_ptr<SerialLine>> lines, const std::string &root) : lines_(std::move(lines))
     {
         if (lines_.empty() || ::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
             return;
         for (auto &line : lines_) {
-            pipes_.push_back({line->board_master(), line->far_master(), {}});
-            pipes_.push_back({line->far_master(), line->board_master(), {}});
+            auto capture = std::make_shared<Capture>(root + serial_output_path(line->board_path()));
+            pipes_.push_back({line->board_master(), line->far_master(), {}, capture});
+            pipes_.push_back({line->far_master(), line->board_master(), {}, nullptr});
         }
         thread_ = std::thread([this] { run(); });
     }
@@ -60,6 +104,7 @@ private:
     struct Pipe {
         int from, to;
         std::string pending;
+        std::shared_ptr<Capture> capture; // the board side's output, or null
     };
     static constexpr size_t kMaxPending = 64 * 1024;
 
@@ -80,8 +125,11 @@ private:
                 if (pipe.pending.empty() && (fds[i].revents & POLLIN)) {
                     char buf[4096];
                     const ssize_t n = ::read(pipe.from, buf, sizeof buf);
-                    if (n > 0)
+                    if (n > 0) {
                         pipe.pending.append(buf, static_cast<size_t>(n));
+                        if (pipe.capture)
+                            pipe.capture->append(buf, static_cast<size_t>(n));
+                    }
                 } else if (!pipe.pending.empty() && !(fds[i].revents & POLLOUT)) {
                     continue;
                 }
@@ -129,6 +177,9 @@ struct Lines {
             ::unlink((root + "/.board/lines").c_str());
     }
 };
+
+// The most a far-end write carries at once.
+constexpr size_t kMaxSend = 4096;
 
 std::mutex g_mu;
 // By board root: the lines of each board attached in this process.
@@ -263,6 +314,71 @@ std::optional<McuWatchdogView> vexa::sim::mcu_watchdog(const Board &board, uint6
     return view;
 }
 
+std::vector<SerialLineInfo> vexa::sim::serial_line_list(const Board &board)
+{
+    std::vector<SerialLineInfo> out;
+    const auto record = board.call("serial.lines", "");
+    std::istringstream in(record.value_or(""));
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        SerialLineInfo info;
+        std::string far_end;
+        if (words >> info.board_path >> info.board_pty >> info.outside_pty >> far_end) {
+            info.mcu = far_end == "mcu-model";
+            out.push_back(std::move(info));
+        }
+    }
+    return out;
+}
+
+std::string vexa::sim::serial_output_path(const std::string &board_path)
+{
+    std::string name = board_path.substr(board_path.find_first_not_of('/') == std::string::npos
+                                             ? board_path.size()
+                                             : board_path.find_first_not_of('/'));
+    for (char &c : name)
+        if (c == '/')
+            c = '_';
+    return "/.board/serial/" + name;
+}
+
+bool vexa::sim::serial_send(const Board &board, const std::string &board_path, const std::string &bytes,
+                            bool from_board)
+{
+    if (bytes.size() > kMaxSend || board_path.find('\n') != std::string::npos)
+        return false;
+    const auto reply = board.call("serial.send", (from_board ? "board " : "far ") + board_path + '\n' + bytes);
+    return reply && *reply == "ok";
+}
+
+std::optional<McuStateView> vexa::sim::mcu_state(const Board &board)
+{
+    const auto reply = board.call("mcu.state", "");
+    if (!reply || reply->empty())
+        return std::nullopt;
+    McuStateView view;
+    std::istringstream in(*reply);
+    std::string line;
+    while (std::getline(in, line)) {
+        const auto eq = line.find('=');
+        if (eq == std::string::npos)
+            continue;
+        const std::string key = line.substr(0, eq), value = line.substr(eq + 1);
+        if (key == "mode")
+            view.mode = value;
+        else if (key == "version")
+            view.version = value;
+        else if (key == "written")
+            view.written = std::strtoull(value.c_str(), nullptr, 10);
+        else if (key == "erased_pages")
+            view.erased_pages = static_cast<uint32_t>(std::strtoul(value.c_str(), nullptr, 10));
+        else if (key == "mass_erased")
+            view.mass_erased = value == "1";
+    }
+    return view;
+}
+
 VEXA_SIM_ATTACHER(serial_lines)
 {
     if (!board.exists("/vendor/etc/product.ini"))
@@ -301,7 +417,7 @@ VEXA_SIM_ATTACHER(serial_lines)
                          (line == lines->mcu ? "mcu-model" : "far-end") + '\n';
     }
     board.write_file("/.board/lines", lines->record);
-    lines->bridge = std::make_unique<Bridge>(std::move(plain));
+    lines->bridge = std::make_unique<Bridge>(std::move(plain), board.root());
     {
         std::lock_guard<std::mutex> lock(g_mu);
         g_lines[board.root()] = lines;
@@ -309,6 +425,38 @@ VEXA_SIM_ATTACHER(serial_lines)
     // The services and watchers below keep the lines alive while the board
     // holds them.
     board.serve("serial.lines", [lines](const std::string &) { return lines->record; });
+    // "far|board BOARD_PATH\nBYTES": bytes sent from a plain line's far end
+    // (as from the peer device), or written on its board side.
+    board.serve("serial.send", [lines](const std::string &request) -> std::string {
+        const auto space = request.find(' ');
+        const auto split = request.find('\n');
+        if (space == std::string::npos || split == std::string::npos || split < space ||
+            request.size() - split - 1 > kMaxSend)
+            return "";
+        const std::string side = request.substr(0, space);
+        auto it = lines->by_path.find(request.substr(space + 1, split - space - 1));
+        if ((side != "far" && side != "board") || it == lines->by_path.end() || it->second == lines->mcu)
+            return "";
+        if (side == "far")
+            it->second->inject(request.substr(split + 1));
+        else
+            it->second->emit(request.substr(split + 1));
+        return "ok";
+    });
+    board.serve("mcu.state", [weak_lines = std::weak_ptr<Lines>(lines)](const std::string &) -> std::string {
+        auto held = weak_lines.lock();
+        if (!held || !held->mcu)
+            return "";
+        const auto activity = held->mcu->flash_activity();
+        const auto mode = held->mcu->mode();
+        return std::string("mode=") +
+               (mode == McuModel::Mode::application ? "application"
+                : mode == McuModel::Mode::bootloader ? "bootloader"
+                                                     : "reset") +
+               "\nversion=" + held->mcu->version() + "\nwritten=" + std::to_string(activity.written) +
+               "\nerased_pages=" + std::to_string(activity.erased_pages) +
+               "\nmass_erased=" + (activity.mass_erased ? "1" : "0") + "\n";
+    });
     if (!lines->mcu)
         return;
     std::weak_ptr<McuModel> weak = lines->mcu;
@@ -341,4 +489,16 @@ VEXA_SIM_ATTACHER(serial_lines)
     board.watch_file("/.board/mcu-model", [lines](const std::string &, const std::string &contents) {
         apply_model_settings(contents, *lines->mcu);
     });
+    auto reply_of = [](const std::string &value) {
+        return value == "silent" ? McuModel::Reply::silent
+               : value == "nack" ? McuModel::Reply::nack
+                                 : McuModel::Reply::ok;
+    };
+    board.add_knob({"mcu.reply", "ok|silent|nack",
+                    "silent: the MCU answers nothing; nack: it refuses every frame and bootloader command",
+                    "ok", {}, [weak, reply_of](const std::string &value) {
+                        if (auto mcu = weak.lock())
+                            mcu->set_reply(reply_of(value));
+                    }});
+    lines->mcu->set_reply(reply_of(board.knob("mcu.reply")));
 }

@@ -106,7 +106,7 @@ void McuModel::on_bytes(const uint8_t *data, size_t n)
         const auto wire = std::chrono::nanoseconds(1000000000ull * pace_bits_ * n / pace_baud_);
         rx_free_ = std::max(now, rx_free_) + wire;
     }
-    if (mode_ == Mode::reset)
+    if (mode_ == Mode::reset || reply_ == Reply::silent)
         return;
     rx_.insert(rx_.end(), data, data + n);
     for (;;) {
@@ -240,6 +240,12 @@ void McuModel::reply_link(const std::vector<uint8_t> &request)
 
 void McuModel::emit_app_reply(std::vector<uint8_t> reply, bool link)
 {
+    if (reply_ == Reply::nack) {
+        reply[0] ^= 0xFF;
+        reply[1] ^= 0xFF;
+        send(reply);
+        return;
+    }
     if (!quirks_.empty()) {
         PendingQuirk &q = quirks_.front();
         switch (q.quirk) {
@@ -319,6 +325,12 @@ bool McuModel::boot_step()
         return false;
     if (boot_silent_) {
         rx_.clear();
+        return false;
+    }
+    if (reply_ == Reply::nack) {
+        // Refuses every byte that would start a step: a greeting or a command.
+        rx_.clear();
+        send_byte(kNack);
         return false;
     }
     switch (boot_state_) {
@@ -448,6 +460,7 @@ bool McuModel::boot_step()
             for (size_t i = 0; i < n; ++i)
                 flash_[offset + i] &= rx_[1 + i]; // programming only clears bits
             store_flash(offset, static_cast<uint32_t>(n));
+            activity_.written += n;
             consume(n + 2);
             send_byte(kAck);
         } else {
@@ -468,6 +481,7 @@ bool McuModel::boot_step()
             boot_state_ = BootState::command;
             if (ok) {
                 erases_.push_back(Erase{true, {}});
+                activity_.mass_erased = true;
                 std::fill(flash_.begin(), flash_.end(), 0xFF);
                 store_flash(0, kFlashSize);
             }
@@ -490,8 +504,10 @@ bool McuModel::boot_step()
         }
         consume(need);
         boot_state_ = BootState::command;
-        if (ok)
+        if (ok) {
+            activity_.erased_pages += static_cast<uint32_t>(erase.pages.size());
             erases_.push_back(std::move(erase));
+        }
         send_byte(ok ? kAck : kNack);
         return true;
     }
@@ -505,6 +521,7 @@ void McuModel::restart()
     held_reply_.clear();
     boot_ready_ = false;
     boot_state_ = BootState::command;
+    activity_ = FlashActivity{};
     running_version_ = default_version_;
     const size_t scan = std::min(flash_.size(), kVersionScan);
     static const char kMarker[] = "MCUVER=";
@@ -562,6 +579,12 @@ void McuModel::set_version(const std::string &text)
     default_version_ = text;
     if (from_default)
         running_version_ = text;
+}
+
+McuModel::FlashActivity McuModel::flash_activity() const
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    return activity_;
 }
 
 std::string McuModel::version() const
@@ -636,6 +659,19 @@ void McuModel::nack_command(uint8_t code, int times)
     std::lock_guard<std::mutex> lock(mu_);
     nack_code_ = code;
     nack_code_times_ = times;
+}
+
+void McuModel::set_reply(Reply reply)
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    reply_ = reply;
+    rx_.clear();
+}
+
+McuModel::Reply McuModel::reply() const
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    return reply_;
 }
 
 void McuModel::set_bootloader_silent(bool silent)

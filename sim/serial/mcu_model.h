@@ -83,6 +83,14 @@ public:
     int version_requests() const;
     int link_requests() const;
 
+    // How the MCU answers, whatever the mode (the board's knob "mcu.reply"):
+    // ok; silent: nothing at all, as an MCU that hangs or has no power;
+    // nack: the bootloader refuses every greeting and command (NACK) and the
+    // application's replies come with their head bytes damaged.
+    enum class Reply { ok, silent, nack };
+    void set_reply(Reply reply);
+    Reply reply() const;
+
     // ---- Bootloader ----
     // The MCU type by the flasher's numbering: 1 GD32F303, 2 GD32E503, 3
     // GD32F470, 4 STM32H750 (default 1).
@@ -101,6 +109,14 @@ public:
         std::vector<uint16_t> pages;
     };
     std::vector<Erase> erases() const;
+    // What the bootloader has done to the flash since the MCU last started:
+    // bytes written, pages erased, whether it was mass-erased.
+    struct FlashActivity {
+        uint64_t written = 0;
+        uint32_t erased_pages = 0;
+        bool mass_erased = false;
+    };
+    FlashActivity flash_activity() const;
     // Flash contents (length from the base).
     std::vector<uint8_t> flash(uint32_t length = kFlashSize) const;
     void fill_flash(uint8_t value = 0xFF);
@@ -173,6 +189,7 @@ private:
     uint8_t nack_code_ = 0;
     int nack_code_times_ = 0;
     bool boot_silent_ = false;
+    Reply reply_ = Reply::ok;
     bool boot_ready_ = false;
     int start_bytes_ = 0;
     enum class BootState { command, read_addr, read_count, go_addr, write_addr, write_data,
@@ -181,6 +198,7 @@ private:
     uint32_t op_address_ = 0;
     uint16_t erase_field_ = 0;
     std::vector<Erase> erases_;
+    FlashActivity activity_;
     std::vector<uint8_t> rx_;
 
     unsigned pace_baud_ = 0;

@@ -75,7 +75,16 @@ std::string SerialLine::take_output(size_t want, int wait_ms)
 
 void SerialLine::inject(const std::string &bytes)
 {
-    const int fd = far_ ? far_->keeper() : pty_.master();
+    write_all(far_ ? far_->keeper() : pty_.master(), bytes);
+}
+
+void SerialLine::emit(const std::string &bytes)
+{
+    write_all(pty_.keeper(), bytes);
+}
+
+void SerialLine::write_all(int fd, const std::string &bytes)
+{
     size_t done = 0;
     while (done < bytes.size()) {
         const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);

@@ -48,6 +48,9 @@ public:
     std::string take_output(size_t want = 0, int wait_ms = 0);
     // Bytes sent from the far end, for the board side to read.
     void inject(const std::string &bytes);
+    // Bytes written on the board side, as a process on the board writes
+    // them: they come out at the far end.
+    void emit(const std::string &bytes);
     // Raw 8N1 again (see Pty::reset_line).
     void reset_line();
 
@@ -62,6 +65,8 @@ protected:
     int master() const { return pty_.master(); }
 
 private:
+    static void write_all(int fd, const std::string &bytes);
+
     std::string board_path_;
     Pty pty_;
     std::unique_ptr<Pty> far_;
@@ -84,6 +89,37 @@ struct McuWatchdogView {
     bool closed = false;
 };
 std::optional<McuWatchdogView> mcu_watchdog(const Board &board, uint64_t now_ns);
+
+// The lines the board's host holds, from any process (its "serial.lines"
+// service), in the order of ROOT/.board/lines.
+struct SerialLineInfo {
+    std::string board_path;  // "/dev/ttyS7"
+    std::string board_pty;   // the board side, which the board path leads to
+    std::string outside_pty; // where an outside program sits
+    bool mcu = false;        // the MCU model is behind the board side
+};
+std::vector<SerialLineInfo> serial_line_list(const Board &board);
+// The board file that keeps what the board side of a plain line wrote
+// lately (the newest 32 to 64 KiB, written anew when it passes 64 KiB):
+// "/.board/serial/dev_ttyS7" for "/dev/ttyS7". Starts empty with the host.
+std::string serial_output_path(const std::string &board_path);
+// Bytes for the board side of a plain line to read, sent from its far end
+// as the peer device would; or (from_board) written on its board side, as a
+// process on the board would, to come out at the far end. At most 4096 at
+// once; false when the host has no such plain line.
+bool serial_send(const Board &board, const std::string &board_path, const std::string &bytes,
+                 bool from_board = false);
+
+// The MCU model's state, from any process (the host's "mcu.state" service);
+// nothing when the board has no MCU model.
+struct McuStateView {
+    std::string mode;    // "application", "bootloader" or "reset"
+    std::string version; // what the application reports
+    uint64_t written = 0;     // bytes the bootloader wrote since the MCU started
+    uint32_t erased_pages = 0;
+    bool mass_erased = false;
+};
+std::optional<McuStateView> mcu_state(const Board &board);
 
 } // namespace vexa::sim
 

@@ -36,7 +36,7 @@ check "edid show - names the preferred mode" "preferred: 1920x1080 @ 60 Hz" \
     "$(run edid show - <"$dir/edid.bin" 2>/dev/null | tail -n1)"
 check "edid model --json holds the bytes as hex" "\"hex\":\"$(od -An -v -tx1 "$dir/edid.bin" | tr -d ' \n')\"" \
     "$(run --json edid model 1920 1080 60 2>/dev/null | json | grep -o '"hex":"[^"]*"')"
-check "edid model --json names the mode" '{"width":1920,"height":1080,"refresh":60,"size":256,' \
+check "edid model --json names the mode" '{"width":1920,"height":1080,"refresh_hz":60,"size_bytes":256,' \
     "$(run --json edid model 1920 1080 60 2>/dev/null | json | sed 's/"hex":.*//')"
 out=$(head -c 100 "$dir/edid.bin" | run edid show - 2>&1)
 check "a short EDID on standard input" "1 vexactl: standard input holds 100 bytes; an EDID block has 128" "$? $out"
@@ -48,9 +48,10 @@ fi
 # mcu links --json has the mask, as a number.
 mkdir -p "$board/.board" && printf 'links=0x8000000005\n' >"$board/.board/mcu-model"
 run --json mcu links 2>/dev/null | json >"$dir/links"
-check "mcu links --json: the mask" '{"mask":549755813893,"ports":[{"port":0,"link":"up"}' \
+check "mcu links --json: the mask" '{"mask":549755813893,"ports":[{"port":0,"link":true}' \
     "$(grep -o '^{"mask":[0-9]*,"ports":\[{[^}]*}' "$dir/links")"
-check "mcu links --json: the last port" '{"port":39,"link":"up"}]}' "$(grep -o '{"port":39[^}]*}]}$' "$dir/links")"
+check "mcu links --json: the last port" '{"port":39,"link":true}]}' "$(grep -o '{"port":39[^}]*}]}$' "$dir/links")"
+check "mcu links --json: a port that is down" '{"port":1,"link":false}' "$(grep -o '{"port":1,[^}]*}' "$dir/links")"
 
 # rescue on a new board: no backup yet, said as such.
 out=$(run rescue status 2>/dev/null)

@@ -27,7 +27,7 @@ check "'-' reads the image from standard input" \
     "flashed the image from standard input (2048 bytes) to the MCU_GD32F303, read back equal" \
     "$(run mcu flash - <"$dir/image.bin" 2>/dev/null)"
 check "and flashes it" "$(md5sum <"$dir/image.bin")" "$(head -c 2048 "$flash_file" | md5sum)"
-check "--json" '{"image":"-","size":2048,"type":"MCU_GD32F303","blocks":8,"verified":true,"erase_covers_image":true}' \
+check "--json" '{"image":"-","size_bytes":2048,"type":"MCU_GD32F303","blocks":8,"verified":true,"erase_covers_image":true}' \
     "$(run --json mcu flash - <"$dir/image.bin" 2>/dev/null | tr -d '\t\n')"
 
 # Images the erase cannot cover are refused, with the reason and what the

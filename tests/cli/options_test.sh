@@ -47,8 +47,8 @@ out=$(run timing 1280 720 --fps 2>&1)
 check "an option without its value" "2 vexactl timing: --fps needs a value (F) $usage_timing" "$? $(echo $out)"
 out=$(run timing 1280 720 --frobnicate 2>&1)
 check "an unknown option" "2 vexactl timing: unknown option '--frobnicate' $usage_timing" "$? $(echo $out)"
-out=$(run timing 1280 720 -q 2>&1)
-check "an unknown short option" "2 vexactl timing: unknown option '-q' $usage_timing" "$? $(echo $out)"
+out=$(run timing 1280 720 -z 2>&1)
+check "an unknown short option" "2 vexactl timing: unknown option '-z' $usage_timing" "$? $(echo $out)"
 out=$(run timing 1280 720 --json=yes 2>&1)
 check "a value for a flag" "2 vexactl timing: --json takes no value $usage_timing" "$? $(echo $out)"
 out=$(run log --fps 30 2>&1)

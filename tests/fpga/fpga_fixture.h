@@ -62,7 +62,19 @@ protected:
         EXPECT_TRUE(model_) << "the board has no FPGA";
         return *model_;
     }
-    void knobs(const std::string &text) { board().write_file("/.board/fpga.conf", text); }
+    // The FPGA's knobs as "KEY=VALUE" lines; every other one back to its initial value.
+    void knobs(const std::string &text)
+    {
+        std::vector<std::pair<std::string, std::string>> settings;
+        for (const auto &[key, values] : sim::fpga_knob_keys())
+            settings.emplace_back("fpga." + key, "");
+        std::istringstream in(text);
+        std::string line;
+        while (std::getline(in, line))
+            if (const auto eq = line.find('='); eq != std::string::npos)
+                settings.emplace_back("fpga." + line.substr(0, eq), line.substr(eq + 1));
+        ASSERT_EQ(board().set_knobs(settings), 0) << text;
+    }
 
     std::vector<std::string> bi_log() { return log_of("vexa_system_bi_fpga"); }
     std::vector<std::string> fw_log() { return log_of("vexa_system_fw_update"); }

@@ -259,6 +259,7 @@ TEST_F(ProgramLoadTest, HdrOpensOnlyWithAResolution)
          {"/system/bin/test-systemcontrol --setHDREnable hdr 422,10bit 3840x2160p60hz"}},
         {"true", "1080p;reboot", -1, "", {}},
     };
+    std::vector<std::string> hdr_lines; // of the last two cases
     for (const Case &c : cases) {
         reload(sim::Board::Builder());
         if (c.want)
@@ -268,7 +269,22 @@ TEST_F(ProgramLoadTest, HdrOpensOnlyWithAResolution)
         EXPECT_EQ(open_hdr(), c.result) << (c.res ? c.res : "");
         EXPECT_EQ(board().property("sys.hdr.realyenable"), c.enabled);
         EXPECT_EQ(board().commands(), c.commands);
+        if (&c >= &cases[3])
+            for (const auto &line : board().log_lines())
+                if (line.find("hdr") != std::string::npos)
+                    hdr_lines.push_back(line);
     }
+    // HDR is one of the FPGA functions: its lines go under the FPGA's tag,
+    // also when the boot-time load process runs it.
+    EXPECT_EQ(hdr_lines, (std::vector<std::string>{
+                             "I/vexa_system_bi_fpga: hdr: true, res: 3840x2160p60hz",
+                             "I/vexa_system_bi_fpga: open_hdr will open hdr now",
+                             "I/vexa_system_bi_fpga: open_hdr: system(/system/bin/test-systemcontrol "
+                             "--setHDREnable hdr 422,10bit 3840x2160p60hz) ret = 0",
+                             "I/vexa_system_bi_fpga: hdr: true, res: 1080p;reboot",
+                             "I/vexa_system_bi_fpga: open_hdr will open hdr now",
+                             "E/vexa_system_bi_fpga: open_hdr: refusing shell metacharacters in \"1080p;reboot\"",
+                         }));
     EXPECT_EQ(bi_get_ultra_fpga_enable(), 0);
     EXPECT_EQ(bi_set_ultra_fpga_enable(), 0);
 }

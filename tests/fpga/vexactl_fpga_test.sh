@@ -18,13 +18,17 @@ check "card read" "a1 b2 c3 00" "$(run fpga card 1 read 0x100 4 2>/dev/null)"
 check "card read --json keeps numbers" '"data":[161,178]' \
     "$(run --json fpga card 1 read 0x100 2 2>/dev/null | json | grep -o '"data":\[[^]]*\]')"
 
-# Knobs are a file of the board that every process reads.
+# The FPGA's knobs are the board's fpga.KEY knobs, which every process reads.
 run fpga knob spi=fail >/dev/null 2>&1
-check "the knob is in the file" "spi=fail" "$(grep '^spi=' "$board/.board/fpga.conf")"
+check "the knob is the board's" "fpga.spi ok|fail fail" \
+    "$(run --json board fault | json | grep -o '{"name":"fpga.spi","value":"[a-z]*","takes":"[^"]*"' | sed 's/.*"name":"\([^"]*\)","value":"\([^"]*\)","takes":"\([^"]*\)"/\1 \3 \2/')"
+check "fpga knob shows it" "spi fail" "$(run fpga knob | awk '$1 == "spi" {print $1, $2}')"
 run fpga card 1 read 0x100 4 >/dev/null 2>"$dir/err"
 check "a failing SPI device fails the read" "1 vexactl: card read failed (-5); see 'vexactl log'" "$? $(cat "$dir/err")"
 run fpga knob spi= >/dev/null 2>&1
-check "the knob is cleared" "" "$(grep '^spi=' "$board/.board/fpga.conf")"
+check "the knob is cleared" "spi ok" "$(run fpga knob | awk '$1 == "spi" {print $1, $2}')"
+run fpga knob spi=maybe >/dev/null 2>"$dir/err"
+check "a value the knob does not take is refused" "2 vexactl fpga: spi takes ok|fail, not 'maybe'" "$? $(head -1 "$dir/err")"
 
 # The QRxx t507 load: no update pending, the parameters (no source: no 5 s wait).
 run fpga knob source_mode=0x58 >/dev/null 2>&1

@@ -1,4 +1,6 @@
 // Link, PHY and Wi-Fi status against the board's network model.
+#include <csignal>
+
 #include "network/command_output.h"
 #include "platform/os.h"
 #include "sim/network/network_model.h"
@@ -134,12 +136,34 @@ TEST_F(WifiTest, IsolationAddsAndRemovesTheRule)
     EXPECT_EQ(bi_network_set_ap_insulation(2), -1);
 }
 
-TEST_F(WifiTest, FailedChangeIsReported)
+TEST_F(WifiTest, AChangeThatRanIsZeroAndOneThatExitedBadlyIsLogged)
 {
-    board().inject(vexa::sim::Fault::on("system").at("/system/bin/iptables -A").returns(1 << 8));
-    EXPECT_EQ(bi_network_set_ap_insulation(1), 252);
+    // iptables ran and exited 1: 0, a warning, and the state read back shows
+    // that nothing changed.
+    board().inject(vexa::sim::Fault::on("system").at("/system/bin/iptables -A").returns(1 << 8).once());
+    EXPECT_EQ(bi_network_set_ap_insulation(1), 0);
     EXPECT_EQ(board().log_lines().back(),
-              "E/vexa_system_bi_network: iptables operation failed!!!!!!!!!!!!!!!!!!!!!!!!!");
+              "W/vexa_system_bi_network: bi_network_set_ap_insulation: /system/bin/iptables -A FORWARD -s "
+              "192.168.41.0/24 -j DROP exited with 1: the isolation is not changed");
+    EXPECT_EQ(bi_network_get_ap_insulation(), 0);
+    // A delete of a rule that is not there: iptables itself exits 1.
+    board().write_file("/.board/iptables", "DROP all 192.168.41.0/24 10.0.0.0/8\n");
+    EXPECT_EQ(bi_network_get_ap_insulation(), 1);
+    EXPECT_EQ(bi_network_set_ap_insulation(0), 0);
+    EXPECT_EQ(board().log_lines().back(),
+              "W/vexa_system_bi_network: bi_network_set_ap_insulation: /system/bin/iptables -D FORWARD -s "
+              "192.168.41.0/24 -j DROP exited with 1: the isolation is not changed");
+    EXPECT_EQ(bi_network_get_ap_insulation(), 1);
+    board().write_file("/.board/iptables", "");
+
+    // Not run, or killed: 252.
+    for (int status : {-1, SIGKILL}) {
+        board().inject(vexa::sim::Fault::on("system").at("/system/bin/iptables -A").returns(status).once());
+        EXPECT_EQ(bi_network_set_ap_insulation(1), 252) << status;
+        EXPECT_EQ(board().log_lines().back(),
+                  "E/vexa_system_bi_network: iptables operation failed!!!!!!!!!!!!!!!!!!!!!!!!!");
+    }
+    EXPECT_EQ(bi_network_get_ap_insulation(), 0);
     board().inject(vexa::sim::Fault::on("popen").at("/system/bin/iptables").returns(0));
     EXPECT_EQ(bi_network_set_ap_insulation(1), -3);
     EXPECT_EQ(bi_network_get_ap_insulation(), -2);

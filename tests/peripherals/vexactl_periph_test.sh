@@ -43,8 +43,13 @@ check "info --json lists the mounts" '"mount":"/data"' "$(run --json info | tr -
 run net isolation on
 check "isolation adds the rule" "DROP all 192.168.41.0/24 0.0.0.0/0" "$(cat "$board/.board/iptables")"
 check "net shows it" "isolation:     on" "$(run net | grep '^isolation')"
-check "net --json keeps the link word as text" '"link_word":"0"' \
-    "$(run --json net | tr -d ' \t\n' | grep -o '"link_word":"[0-9]*"')"
+run net isolation on
+check "net isolation on again changes nothing" "0 DROP all 192.168.41.0/24 0.0.0.0/0" "$? $(cat "$board/.board/iptables")"
+echo "vexa.netport_link_status=18446744073709551615" >>"$board/.board/properties"
+check "net --json: the link word as a number, every digit" '"link_word":18446744073709551615' \
+    "$(run --json net | tr -d ' \t\n' | grep -o '"link_word":[0-9a-z"]*')"
+check "net --json: flags are true or false" '"carrier":true "ap":true "station":true "isolation":true' \
+    "$(run --json net | tr -d ' \t\n' | grep -o -e '"carrier":[a-z]*' -e '"ap":[a-z]*' -e '"station":[a-z]*' -e '"isolation":[a-z]*' | paste -sd' ')"
 run net isolation off
 check "isolation off removes it" "" "$(cat "$board/.board/iptables")"
 
@@ -52,11 +57,35 @@ run selftest >"$dir/selftest"
 check "selftest passes on a healthy board" 0 $?
 check "selftest prints each item" 12 "$(awk 'NR > 1 && NF == 2 && $1 != "verdict:"' "$dir/selftest" | wc -l)"
 check "and the verdict" "verdict: PASS" "$(tail -1 "$dir/selftest")"
-sed -i 's/^silent = .*/silent = \/dev\/i2c-3@0x68/' "$board/.board/i2c.conf"
+run board fault i2c.silent=/dev/i2c-3@0x68
 run selftest >"$dir/selftest"
 check "selftest fails with a silent clock chip" 1 $?
 check "the clock chip's line says so" "IClock-Chip Error" "$(grep '^IClock-Chip' "$dir/selftest" | awk '{print $1, $2}')"
-check "selftest --json verdict" '"verdict":"fail"' "$(run --json selftest | tr -d ' \t\n' | grep -o '"verdict":"[a-z]*"')"
+check "selftest --json verdict" '"passed":false' "$(run --json selftest | tr -d ' \t\n' | grep -o '"passed":[a-z]*')"
+check "selftest --json: the failed item" '{"item":"IClock-Chip","ok":false}' \
+    "$(run --json selftest | tr -d ' \t\n' | grep -o '{"item":"IClock-Chip"[^}]*}')"
+check "selftest --json: the temperature is a number, its unit in its name" '{"item":"ARM-Temperature","ok":true,"temperature_c":45}' \
+    "$(run --json selftest | tr -d ' \t\n' | grep -o '{"item":"ARM-Temperature"[^}]*}')"
+run chips >"$dir/chips" 2>"$dir/err"
+check "chips with a silent clock chip exits 1" "1 vexactl: faulty: clock; see 'vexactl log'" "$? $(cat "$dir/err")"
+check "and names it a fault, as every fault" "codec 0 ok|codec 1 ok|rtc ok|clock fault" \
+    "$(awk 'NR > 1 {print $1 ($2 ~ /^[0-9]$/ ? " " $2 : "") " " $NF}' "$dir/chips" | paste -sd'|')"
+run board fault i2c.silent=
+sed -i 's/^\/dev\/i2c-3 0x51 0x02 .*/\/dev\/i2c-3 0x51 0x02 0x80/' "$board/.board/i2c"
+run chips >"$dir/chips" 2>"$dir/err"
+check "an RTC whose oscillator stopped is a fault too" "1 vexactl: faulty: rtc; see 'vexactl log'" "$? $(cat "$dir/err")"
+check "named as every fault" "rtc fault" "$(awk '$1 == "rtc" {print $1, $2}' "$dir/chips")"
+sed -i 's/^\/dev\/i2c-3 0x51 0x02 .*/\/dev\/i2c-3 0x51 0x02 0x00/' "$board/.board/i2c"
+sed -i 's/^self_test_items = .*/self_test_items = 13-99/' "$board/vendor/etc/product.ini"
+run selftest >"$dir/out" 2>"$dir/err"
+check "a self-test of no known item fails and says no PASS" \
+    "1  vexactl: self_test_items '13-99' names no test item (1 to 12): nothing was tested" \
+    "$? $(cat "$dir/out") $(cat "$dir/err")"
+sed -i 's/^self_test_items = .*/self_test_items = 1-99/' "$board/vendor/etc/product.ini"
+run selftest >"$dir/out" 2>"$dir/err"
+check "an unknown id beside a known one is skipped, and said" \
+    "0 vexactl: self_test_items names 99, which is no test item: skipped" "$? $(cat "$dir/err")"
+check "and the known one is tested" "RTC-Status OK" "$(awk '$1 == "RTC-Status" {print $1, $2}' "$dir/out")"
 
 for cmd in fan adc rtc watchdog ir audio volume chips info ps kill net selftest; do
     run $cmd --help >/dev/null 2>&1

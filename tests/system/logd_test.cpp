@@ -268,12 +268,18 @@ TEST_F(LogdTest, ClearWithAShortCurrentPathTakesItWhole)
     EXPECT_THAT(entries("/syslog/logs"), IsEmpty());
 }
 
-TEST_F(LogdTest, ClearLeavesAnEntryTheShellWouldMisread)
+TEST_F(LogdTest, ClearLeavesAnEntryTheShellWouldMisreadAndSaysSo)
 {
     board().write_file("/syslog/logs/x;reboot", "");
     board().write_file("/syslog/logs/a b.log", "");
-    EXPECT_EQ(bi_vexa_logd_clear("/syslog/logs"), 0);
+    board().clear_commands();
+    // The other entries go, whatever order the folder lists them in; the
+    // two that stay make it -5.
+    EXPECT_EQ(bi_vexa_logd_clear("/syslog/logs"), -5);
     EXPECT_THAT(entries("/syslog/logs"), UnorderedElementsAre("main_0003.log", "x;reboot", "a b.log"));
+    EXPECT_THAT(board().commands(), UnorderedElementsAre("/system/bin/rm -r /syslog/logs/main_0001.log",
+                                                         "/system/bin/rm -r /syslog/logs/main_0002.log",
+                                                         "/system/bin/rm -r /syslog/logs/kernel"));
     EXPECT_THAT(errors(), UnorderedElementsAre("E/vexa_system_bi_vexa_logd: bi_vexa_logd_clear: refusing path "
                                                "\"/syslog/logs/x;reboot\": it holds shell metacharacters",
                                                "E/vexa_system_bi_vexa_logd: bi_vexa_logd_clear: refusing path "

@@ -83,13 +83,13 @@ int run_config(Context &ctx, const Args &args)
     for (auto &[name, entry] : gpios)
         t.row({name, entry->gpio_id});
     t.row({"adc_board_id.path", p->adc_board_id.path});
-    t.row({"adc_board_id.vref", Cell::real(p->adc_board_id.vref)});
+    t.row({"adc_board_id.vref", Cell::real(p->adc_board_id.vref, 3)});
     t.row({"adc_board_id.n", p->adc_board_id.n});
     t.row({"adc_board_voltage.path", p->adc_board_voltage.path});
     t.row({"adc_board_voltage.r1", p->adc_board_voltage.r1});
     t.row({"adc_board_voltage.r2", p->adc_board_voltage.r2});
     t.row({"adc_board_temperature.path", p->adc_board_temperature.path});
-    t.row({"adc_board_temperature.vin", Cell::real(p->adc_board_temperature.vin)});
+    t.row({"adc_board_temperature.vin", Cell::real(p->adc_board_temperature.vin, 3)});
     t.row({"adc_board_temperature.r1", p->adc_board_temperature.r1});
     for (int i = 0; i < 4; ++i)
         t.row({"usb" + std::to_string(i + 1) + "_path", p->usb_path[i]});

@@ -57,8 +57,8 @@ int run_model(Context &ctx, const Command &command, const Args &args)
         cJSON *o = cJSON_CreateObject();
         cJSON_AddNumberToObject(o, "width", static_cast<double>(w));
         cJSON_AddNumberToObject(o, "height", static_cast<double>(h));
-        cJSON_AddNumberToObject(o, "refresh", rate);
-        cJSON_AddNumberToObject(o, "size", sizeof edid);
+        cJSON_AddNumberToObject(o, "refresh_hz", rounded(rate, 3));
+        cJSON_AddNumberToObject(o, "size_bytes", sizeof edid);
         cJSON_AddStringToObject(o, "hex", hex.c_str());
         print_json(ctx, o);
         return 0;
@@ -123,8 +123,8 @@ int run_show(Context &ctx, const Command &command, const Args &args)
     base.row({"established", text});
     base.row({"extensions", info.extensions});
 
-    Table descriptors({"where", "kind", "valid", "clock_khz", "size", "refresh", "h_fp/sync/bp",
-                       "v_fp/sync/bp", "image_mm"});
+    Table descriptors({"where", "kind", "valid", "clock_khz", "size", "refresh_hz", "h_fp_sync_bp",
+                       "v_fp_sync_bp", "image_mm"});
     for (int i = 0; i < 4; ++i)
         add_descriptor_row(descriptors, "block 0 #" + std::to_string(i + 1), &bytes[54 + 18 * i]);
     if (info.extensions != 0 && bytes[128] == 0x02 && bytes[130] >= 4) {
@@ -144,7 +144,7 @@ int run_show(Context &ctx, const Command &command, const Args &args)
             cJSON *p = cJSON_AddObjectToObject(out, "preferred");
             cJSON_AddNumberToObject(p, "width", preferred.width);
             cJSON_AddNumberToObject(p, "height", preferred.height);
-            cJSON_AddNumberToObject(p, "refresh", preferred.refresh);
+            cJSON_AddNumberToObject(p, "refresh_hz", preferred.refresh);
         }
         print_json(ctx, out);
         return 0;

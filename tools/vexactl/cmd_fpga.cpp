@@ -362,49 +362,40 @@ int run_card(Context &ctx, const Family &family, const Args &args)
 
 // ---- fpga knob ----
 
-constexpr const char *kKnobFile = "/.board/fpga.conf";
-
+// The FPGA's knobs are the board's "fpga.KEY" knobs (vexactl board fault).
 int run_knob(Context &ctx, const Args &args)
 {
-    const auto &keys = vexa::sim::fpga_knob_keys();
-    auto known = [&keys](const std::string &key) {
-        for (auto &k : keys)
-            if (k.first == key)
-                return true;
-        return false;
-    };
-    std::vector<std::string> lines;
-    {
-        std::istringstream in(ctx.board().exists(kKnobFile) ? ctx.board().read_file(kKnobFile) : "");
-        std::string line;
-        while (std::getline(in, line))
-            lines.push_back(line);
-    }
+    auto &board = ctx.board();
+    std::vector<std::pair<std::string, std::string>> wanted;
     for (const std::string &arg : args) {
         const auto eq = arg.find('=');
-        const std::string key = arg.substr(0, eq);
-        if (eq == std::string::npos || !known(key))
+        if (eq == std::string::npos || eq == 0)
             throw UsageError("expected KEY=VALUE with a KEY of 'vexactl fpga --help', not '" + arg + "'");
-        std::vector<std::string> kept;
-        for (const std::string &line : lines)
-            if (line.compare(0, key.size() + 1, key + "=") != 0)
-                kept.push_back(line);
-        if (eq + 1 < arg.size())
-            kept.push_back(arg);
-        lines = kept;
+        wanted.emplace_back("fpga." + arg.substr(0, eq), arg.substr(eq + 1));
     }
-    if (!args.empty()) {
-        std::string text;
-        for (const std::string &line : lines)
-            text += line + "\n";
-        ctx.board().write_file(kKnobFile, text);
+    const auto rows = board.knobs();
+    if (!wanted.empty()) {
+        std::string refused;
+        if (board.set_knobs(wanted, &refused) != 0) {
+            const int error = errno;
+            const std::string name = refused.substr(0, refused.find('='));
+            if (error == ENOENT)
+                throw UsageError("expected KEY=VALUE with a KEY of 'vexactl fpga --help', not '" +
+                                 name.substr(std::min<size_t>(5, name.size())) + "'");
+            if (error == EINVAL) {
+                for (const auto &row : rows)
+                    if (row.name == name)
+                        throw UsageError(name.substr(5) + " takes " + row.takes + ", not '" +
+                                         refused.substr(name.size() + 1) + "'");
+            }
+            return fail("the board's host did not take the knobs: %s", std::strerror(error));
+        }
+        return 0;
     }
     Table table({"knob", "value"});
-    for (const std::string &line : lines) {
-        const auto eq = line.find('=');
-        if (!line.empty() && line[0] != '#' && eq != std::string::npos)
-            table.row({line.substr(0, eq), line.substr(eq + 1)});
-    }
+    for (const auto &row : rows)
+        if (row.name.rfind("fpga.", 0) == 0)
+            table.row({row.name.substr(5), row.value.empty() ? Cell::none() : Cell(row.value)});
     table.print(ctx);
     return 0;
 }
@@ -456,7 +447,8 @@ std::string fpga_help()
         "phy      brings up the SGMII link to the FPGA and its PHY (up to five tries).\n"
         "card     reads LEN bytes of, or writes HEXBYTES to, the receiving cards of PORT\n"
         "         at register ADDR (qr5plus and qr-card families).\n"
-        "knob     shows, or sets (KEY=VALUE) or clears (KEY=), the FPGA model's knobs:\n";
+        "knob     shows, or sets (KEY=VALUE) or clears (KEY=), the FPGA model's knobs, the\n"
+        "         board's fpga.KEY knobs of 'vexactl board fault':\n";
     for (auto &[key, values] : vexa::sim::fpga_knob_keys())
         help += "           " + key + "=" + values + "\n";
     help += "\nThe family comes from the module id (8470, 8475, 8476, 8478: pz50pro; 4374:\n"

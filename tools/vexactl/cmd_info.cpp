@@ -30,27 +30,31 @@ int run_info(Context &ctx, const Args &args)
     }
     const std::string name(product, strnlen(product, 64));
     const std::string modid(product + 64, strnlen(product + 64, 32));
+    long long module_id = 0;
+    const bool have_module_id = have_product && parse_number(modid, 0, INT32_MAX, &module_id);
     const uint64_t unit = si.mem_unit ? si.mem_unit : 1;
     Table t({"mount", "device", "type", "size_mb", "free_mb"});
     for (const auto &m : mounts)
         t.row({m.mount_point, m.device, m.type, m.blocks * m.frsize >> 20, m.bavail * m.frsize >> 20});
     if (ctx.json) {
+        // What could not be read is null.
         cJSON *item = cJSON_CreateObject();
-        cJSON_AddStringToObject(item, "product", have_product ? name.c_str() : "");
-        cJSON_AddStringToObject(item, "modid", have_product ? modid.c_str() : "");
-        if (have_sys) {
-            cJSON_AddNumberToObject(item, "uptime", static_cast<double>(si.uptime));
-            cJSON_AddNumberToObject(item, "total_ram", static_cast<double>(si.totalram * unit));
-            cJSON_AddNumberToObject(item, "free_ram", static_cast<double>(si.freeram * unit));
-            cJSON_AddNumberToObject(item, "processes", si.procs);
-        }
-        if (have_disk)
-            cJSON_AddNumberToObject(item, "disk_gb", disk);
+        auto number = [&](const char *key, bool have, double value) {
+            cJSON_AddItemToObject(item, key, have ? cJSON_CreateNumber(value) : cJSON_CreateNull());
+        };
+        cJSON_AddItemToObject(item, "product", have_product ? cJSON_CreateString(name.c_str()) : cJSON_CreateNull());
+        number("module_id", have_module_id, static_cast<double>(module_id));
+        number("uptime_s", have_sys, static_cast<double>(si.uptime));
+        number("ram_total_mb", have_sys, static_cast<double>(si.totalram * unit >> 20));
+        number("ram_free_mb", have_sys, static_cast<double>(si.freeram * unit >> 20));
+        number("processes", have_sys, si.procs);
+        number("disk_gb", have_disk, rounded(disk, 1));
         cJSON_AddItemToObject(item, "mounts", t.json());
         print_json(ctx, item);
         return 0;
     }
-    std::fprintf(ctx.out, "product:   %s\nmodid:     %s\n", name.c_str(), modid.c_str());
+    std::fprintf(ctx.out, "product:   %s\nmodule id: %s\n", have_product ? name.c_str() : "-",
+                 have_product ? modid.c_str() : "-");
     if (have_sys)
         std::fprintf(ctx.out, "uptime:    %ld s\nram:       %lu MB, %lu MB free\nprocesses: %u\n",
                      static_cast<long>(si.uptime), static_cast<unsigned long>(si.totalram * unit >> 20),

@@ -2,15 +2,20 @@
 // log directory.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "tools/vexactl/command.h"
+#include "tools/vexactl/progress.h"
 #include "vexasdk/system.h"
 
 namespace vexactl {
 namespace {
+
+namespace fs = std::filesystem;
 
 struct Field {
     const char *key;
@@ -31,9 +36,16 @@ int print_config(Context &ctx)
     const std::string path = ctx.board().property("persist.vendor.vexa_logd.path");
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
+        // An unset property is null.
+        auto add = [&](const char *key, const char *value) {
+            if (*value)
+                cJSON_AddStringToObject(item, key, value);
+            else
+                cJSON_AddNullToObject(item, key);
+        };
         for (const Field &f : kFields)
-            cJSON_AddStringToObject(item, f.key, f.of(config));
-        cJSON_AddStringToObject(item, "path", path.c_str());
+            add(f.key, f.of(config));
+        add("path", path.c_str());
         print_json(ctx, item);
         return 0;
     }
@@ -64,36 +76,103 @@ int set_config(Context &ctx, const std::vector<std::string> &assignments)
     const int32_t rc = bi_vexa_logd_set_configure(config);
     if (rc != 0)
         return fail("setting the log daemon's configuration failed (%d); see 'vexactl log'", rc);
+    vexa_logd_config_t now{};
+    bi_vexa_logd_get_configure(&now);
+    for (const Field &f : kFields)
+        if (*f.of(config) && std::strcmp(f.of(config), f.of(now)) != 0)
+            return fail("%s reads '%s' after setting it to '%s'; see 'vexactl log'", f.key, f.of(now), f.of(config));
     return print_config(ctx);
 }
 
-// The archive goes to standard output when it is "-".
+// The entries of a board folder, sorted; nothing when it cannot be read.
+std::vector<std::string> entries(Context &ctx, const std::string &dir)
+{
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (auto it = fs::directory_iterator(ctx.board().host_path(dir), ec); !ec && it != fs::directory_iterator();
+         it.increment(ec))
+        names.push_back(it->path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string quoted_list(const std::vector<std::string> &names)
+{
+    std::string text;
+    for (size_t i = 0; i < names.size() && i < 5; ++i)
+        text += (i ? ", '" : "'") + names[i] + "'";
+    if (names.size() > 5)
+        text += " and " + std::to_string(names.size() - 5) + " more";
+    return text;
+}
+
+// The library reports 0 whether or not tar made the archive, and logs a
+// failed tar. So tar writes to a name of this run beside ARCHIVE, which
+// takes ARCHIVE's name only when tar logged no failure: a run that fails
+// leaves no archive, and an archive of an earlier run is never taken for
+// this run's. The archive goes to standard output when it is "-".
 int compress(Context &ctx, const std::string &dir, const std::string &archive)
 {
+    vexa::sim::Board &board = ctx.board();
     const bool to_stdout = archive == "-";
-    const std::string target = to_stdout ? "/data/local/tmp/vexactl-logd-" + std::to_string(::getpid()) + ".tgz"
-                                          : archive;
+    if (!dir.empty() && dir[0] == '/' && !fs::is_directory(board.host_path(dir)))
+        return fail("the board has no folder %s: nothing was compressed", dir.c_str());
+    const std::string tag = "vexactl-" + std::to_string(::getpid());
+    std::string target;
     if (to_stdout) {
         std::error_code ec;
-        std::filesystem::create_directories(ctx.board().host_path("/data/local/tmp"), ec);
+        fs::create_directories(board.host_path("/data/local/tmp"), ec);
+        target = "/data/local/tmp/" + tag + ".tgz";
+    } else {
+        const size_t slash = archive.rfind('/');
+        target = archive.substr(0, slash + 1) + "." + archive.substr(slash + 1) + "." + tag;
     }
-    if (dir == "/syslog/logs" && isatty(STDERR_FILENO))
-        std::fprintf(stderr, "telling the video and display tools to stop (2 s)...\n");
-    const int32_t rc = bi_vexa_logd_compress(dir.c_str(), target.c_str());
-    if (rc != 0)
+    const std::string host_target = board.host_path(target);
+    auto discard = [&] {
+        std::error_code ec;
+        fs::remove(host_target, ec);
+    };
+    if (dir == "/syslog/logs")
+        say(ctx, "telling the video and display tools to stop (2 s)...");
+    ErrorWatch watch(board, "vexa_system_bi_vexa_logd");
+    int32_t rc;
+    {
+        Progress bar(ctx, "compress", 0, "bytes");
+        bar.follow([&] {
+            std::error_code ec;
+            const auto size = fs::file_size(host_target, ec);
+            return ec ? uint64_t{0} : static_cast<uint64_t>(size);
+        });
+        rc = bi_vexa_logd_compress(dir.c_str(), target.c_str());
+    }
+    if (rc != 0) {
+        discard();
         return fail("compress refused (%d); see 'vexactl log'", rc);
-    // The library reports 0 whether or not tar made the archive.
-    if (!ctx.board().exists(target))
-        return fail("no archive was written to %s; see 'vexactl log'", target.c_str());
-    const std::string bytes = ctx.board().read_file(target);
+    }
+    const auto errors_seen = watch.seen();
+    if (!errors_seen.empty()) {
+        discard();
+        return fail("compressing %s into %s failed: no archive was written; see 'vexactl log'", dir.c_str(),
+                    archive == "-" ? "standard output" : archive.c_str());
+    }
+    if (!board.exists(target))
+        return fail("no archive was written for %s; see 'vexactl log'", dir.c_str());
+    const std::string bytes = board.read_file(target);
     if (to_stdout) {
-        ctx.board().remove_file(target);
+        discard();
         return write_output(ctx, "-", bytes) ? 0 : 1;
+    }
+    std::error_code ec;
+    fs::rename(host_target, board.host_path(archive), ec);
+    if (ec) {
+        discard();
+        return fail("cannot name the archive %s: %s", archive.c_str(), ec.message().c_str());
     }
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
+        cJSON_AddStringToObject(item, "directory", dir.c_str());
         cJSON_AddStringToObject(item, "archive", archive.c_str());
-        cJSON_AddNumberToObject(item, "bytes", static_cast<double>(bytes.size()));
+        cJSON_AddNumberToObject(item, "size_bytes", static_cast<double>(bytes.size()));
         print_json(ctx, item);
     } else {
         std::fprintf(ctx.out, "wrote %s (%zu bytes)\n", archive.c_str(), bytes.size());
@@ -101,16 +180,49 @@ int compress(Context &ctx, const std::string &dir, const std::string &archive)
     return 0;
 }
 
+// The library spares the daemon's current file and refuses names it would
+// not pass to the shell; clear says "cleared" only when nothing else stays.
 int clear(Context &ctx, const std::string &dir)
 {
+    const std::vector<std::string> before = entries(ctx, dir);
     const int32_t rc = bi_vexa_logd_clear(dir.c_str());
     const char *why[] = {"", "no current log file is set, or the directory is refused",
                          "the directory name is too long", "no memory", "the directory cannot be opened",
-                         "the last entry could not be removed"};
-    if (rc != 0)
+                         "an entry could not be removed"};
+    const std::vector<std::string> after = entries(ctx, dir);
+    const std::string path = ctx.board().property("persist.vendor.vexa_logd.path");
+    const std::string current = path.size() > 13 ? path.substr(path.size() - 13) : path;
+    std::vector<std::string> stayed;
+    bool kept = false;
+    for (const std::string &name : after) {
+        if (name == current)
+            kept = true;
+        else
+            stayed.push_back(name);
+    }
+    if (rc != 0 && rc != -5)
         return fail("clearing %s failed (%d: %s); see 'vexactl log'", dir.c_str(), rc,
-                    rc <= -1 && rc >= -5 ? why[-rc] : "unknown");
-    std::fprintf(ctx.out, "cleared %s\n", dir.c_str());
+                    rc <= -1 && rc >= -4 ? why[-rc] : "unknown");
+    if (!stayed.empty())
+        return fail("%s is not cleared: %zu %s (%s); see 'vexactl log'", dir.c_str(), stayed.size(),
+                    stayed.size() == 1 ? "entry stays" : "entries stay", quoted_list(stayed).c_str());
+    if (rc != 0)
+        return fail("clearing %s failed (%d: %s); see 'vexactl log'", dir.c_str(), rc, why[5]);
+    const size_t removed = before.size() - after.size();
+    if (ctx.json) {
+        cJSON *item = cJSON_CreateObject();
+        cJSON_AddStringToObject(item, "directory", dir.c_str());
+        cJSON_AddNumberToObject(item, "removed", static_cast<double>(removed));
+        if (kept)
+            cJSON_AddStringToObject(item, "kept", current.c_str());
+        else
+            cJSON_AddNullToObject(item, "kept");
+        print_json(ctx, item);
+    } else {
+        std::fprintf(ctx.out, "cleared %s: %zu %s removed%s%s\n", dir.c_str(), removed,
+                     removed == 1 ? "entry" : "entries", kept ? ", kept the current file " : "",
+                     kept ? current.c_str() : "");
+    }
     return 0;
 }
 
@@ -139,9 +251,14 @@ VEXACTL_COMMAND(logd, {"logd", "[get] | set KEY=VALUE... | compress DIR ARCHIVE 
                        "Configure the log daemon; compress or clear its logs",
                        "get prints the daemon's configuration (level, base, mode, total_size,\n"
                        "once_size) and the file it writes now (path); set changes the named keys.\n"
-                       "compress packs DIR into a gzip tar ARCHIVE ('-': standard output); for\n"
-                       "/syslog/logs the video and display tools are first told to stop.\n"
-                       "clear removes everything in DIR but the daemon's current file.",
+                       "compress packs DIR into a gzip tar ARCHIVE ('-': standard output); both\n"
+                       "are paths of the board. For /syslog/logs the video and display tools are\n"
+                       "first told to stop. A compress that fails (a missing DIR, a failed tar)\n"
+                       "exits 1 and leaves no archive; an ARCHIVE of an earlier run stays as it\n"
+                       "was until a compress succeeds.\n"
+                       "clear removes everything in DIR but the daemon's current file; it exits 1\n"
+                       "when any other entry stays (the library does not pass a name with shell\n"
+                       "metacharacters to rm).",
                        run_logd});
 
 } // namespace

@@ -1,6 +1,7 @@
 // The board MCU: mcu version, update, flash, links, watchdog.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -12,6 +13,7 @@
 #include "sim/serial/mcu_model.h"
 #include "tools/vexactl/command.h"
 #include "tools/vexactl/mcu_flasher.h"
+#include "tools/vexactl/progress.h"
 #include "vexasdk/mcu.h"
 #include "vexasdk/network.h"
 #include "vexasdk/selftest.h"
@@ -64,33 +66,6 @@ int run_version(Context &ctx)
     return 0;
 }
 
-// A progress bar on standard error, one line per phase.
-class Bar {
-public:
-    void draw(const char *phase, uint32_t done, uint32_t failed, uint32_t total)
-    {
-        if (phase_ != phase && phase_)
-            std::fputc('\n', stderr);
-        phase_ = phase;
-        const int width = 40;
-        const int filled = total ? static_cast<int>(static_cast<uint64_t>(done) * width / total) : width;
-        std::fprintf(stderr, "\r%-6s [%s%s] %3u%%  %u/%u blocks", phase, std::string(filled, '#').c_str(),
-                     std::string(width - filled, ' ').c_str(),
-                     total ? static_cast<unsigned>(100ull * done / total) : 100u, done, total);
-        if (failed)
-            std::fprintf(stderr, ", %u failed", failed);
-        std::fflush(stderr);
-    }
-    ~Bar()
-    {
-        if (phase_)
-            std::fputc('\n', stderr);
-    }
-
-private:
-    const char *phase_ = nullptr;
-};
-
 // The configured flow. mcuFwUpdate gives 0 after a flash attempt whether
 // it took or not, and -1 both when nothing was needed and when the line did
 // not reopen: the MCU's version afterwards tells which.
@@ -99,20 +74,25 @@ int run_update(Context &ctx)
     int fd;
     if (int rc = open_mcu(&fd))
         return rc;
-    // On a terminal: what the flow is doing, and the flasher's bar.
-    std::unique_ptr<Bar> bar;
-    if (!ctx.json && isatty(STDERR_FILENO)) {
-        std::fprintf(stderr, "asking the MCU for its version (up to ten tries, 1 s apart)...\n");
-        bar = std::make_unique<Bar>();
-        mcu_isp_set_progress(
-            [](uint32_t done, uint32_t total, void *user) {
-                static_cast<Bar *>(user)->draw("write", (done + 255) / 256, 0, (total + 255) / 256);
-            },
-            bar.get());
-    }
+    // The flow first asks the MCU for its version (up to ten tries, 1 s
+    // apart), then flashes block by block when the version differs.
+    struct Phases {
+        Progress bar;
+        bool writing = false;
+    } phases{Progress(ctx, "version", 0, ""), false};
+    mcu_isp_set_progress(
+        [](uint32_t done, uint32_t total, void *user) {
+            auto *p = static_cast<Phases *>(user);
+            if (!p->writing) {
+                p->bar.phase("write", (total + 255) / 256, "blocks");
+                p->writing = true;
+            }
+            p->bar.set((done + 255) / 256);
+        },
+        &phases);
     const int result = mcuFwUpdate(&fd);
     mcu_isp_set_progress(nullptr, nullptr);
-    bar.reset();
+    phases.bar.finish();
     if (fd < 0)
         return fail("the MCU line did not reopen after the update; see 'vexactl log'");
     const std::string now = ask_version(fd);
@@ -123,7 +103,7 @@ int run_update(Context &ctx)
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
         cJSON_AddBoolToObject(o, "flashed", attempted);
-        cJSON_AddStringToObject(o, "version", now.c_str());
+        cJSON_AddItemToObject(o, "version", now.empty() ? cJSON_CreateNull() : cJSON_CreateString(now.c_str()));
         cJSON_AddStringToObject(o, "configured", configured.c_str());
         cJSON_AddBoolToObject(o, "current", current);
         print_json(ctx, o);
@@ -167,18 +147,23 @@ int run_flash(Context &ctx, const Args &args)
     request.force = ctx.flag("force");
     request.verify = !ctx.flag("no-verify");
     bool failed_said = false;
-    std::unique_ptr<Bar> bar;
-    if (!ctx.json && isatty(STDERR_FILENO))
-        bar = std::make_unique<Bar>();
-    request.progress = [&](const char *phase, uint32_t done, uint32_t failed, uint32_t total) {
-        if (bar)
-            bar->draw(phase, done, failed, total);
-        else if (failed && !failed_said)
-            std::fprintf(stderr, "vexactl: the bootloader did not take block %u of %u; going on\n", done, total);
+    // Before the first block: the reset into the bootloader, the greeting,
+    // the detection and the erase.
+    Progress bar(ctx, "connect", 0, "");
+    std::string phase = "connect";
+    request.progress = [&](const char *now, uint32_t done, uint32_t failed, uint32_t total) {
+        if (phase != now) {
+            bar.phase(now, total, "blocks");
+            phase = now;
+        }
+        bar.set(done);
+        bar.note(failed ? std::to_string(failed) + " failed" : "");
+        if (failed && !failed_said && !bar.shown())
+            std::fprintf(errors(), "vexactl: the bootloader did not take block %u of %u; going on\n", done, total);
         failed_said = failed_said || failed;
     };
     const FlashReport report = flash_mcu(request);
-    bar.reset();
+    bar.finish();
 
     const char *type = report.type >= 0 && report.type < 5 ? str_mcu_type[report.type] : "MCU_UNKNOWN";
     using Stage = FlashReport::Stage;
@@ -209,7 +194,7 @@ int run_flash(Context &ctx, const Args &args)
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
         cJSON_AddStringToObject(o, "image", path.c_str());
-        cJSON_AddNumberToObject(o, "size", static_cast<double>(image.size()));
+        cJSON_AddNumberToObject(o, "size_bytes", static_cast<double>(image.size()));
         cJSON_AddStringToObject(o, "type", type);
         cJSON_AddNumberToObject(o, "blocks", report.blocks);
         cJSON_AddBoolToObject(o, "verified", report.verified);
@@ -234,7 +219,7 @@ int run_links(Context &ctx)
         return fail("the MCU did not report every port; see 'vexactl log'");
     Table table({"port", "link"});
     for (int port = 0; port < 40; ++port)
-        table.row({port, (mask >> port) & 1u ? "up" : "down"});
+        table.row({port, Cell::truth((mask >> port) & 1u, "up", "down")});
     if (ctx.json) {
         cJSON *o = cJSON_CreateObject();
         cJSON_AddNumberToObject(o, "mask", static_cast<double>(mask)); // 40 bits: exact in a double
@@ -266,9 +251,16 @@ int run_watchdog(Context &ctx, const Args &args)
         // The feeder never stops: it feeds while this command runs.
         result = bi_mcu_watchdog_start_feed(line);
         if (result == 0) {
-            std::fprintf(ctx.out, "feeding line %d for %lld s\n", line, seconds);
-            std::fflush(ctx.out);
-            vexa::os::sleep_us(static_cast<uint64_t>(seconds) * 1000000u);
+            // The feeder pulses the line while this command waits; the bar
+            // counts the seconds fed.
+            Progress bar(ctx, "feed", static_cast<uint64_t>(seconds), "s");
+            const uint64_t total_us = static_cast<uint64_t>(seconds) * 1000000u;
+            for (uint64_t slept = 0; slept < total_us;) {
+                const uint64_t step = std::min<uint64_t>(250000u, total_us - slept);
+                vexa::os::sleep_us(step);
+                slept += step;
+                bar.set(slept / 1000000u);
+            }
         }
     } else if (action != "status") {
         return usage_error(command, "watchdog takes open, close, feed or status");
@@ -284,7 +276,8 @@ int run_watchdog(Context &ctx, const Args &args)
         // The feeder thread never stops: leave without running the process's
         // destructors under its feet.
         std::fflush(ctx.out);
-        std::fflush(stderr);
+        std::fflush(ctx.std_out);
+        std::fflush(errors());
         std::_Exit(0);
     }
     return 0;

@@ -56,23 +56,45 @@ int run_adc(Context &ctx, const Args &args)
     if (!args.empty())
         return usage_error(command_named("adc"), "takes no arguments");
     ctx.load_config();
+    // Each reading is -1 when its channel cannot be read (the temperature's
+    // -1.0 is taken as that too).
     const int32_t id = bi_adc_get_board_id();
     const float volts = bi_adc_get_board_voltage();
     const float degrees = bi_adc_get_board_temperature();
+    const bool have_id = id >= 0, have_volts = volts >= 0, have_degrees = degrees != -1.0f;
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
-        cJSON_AddNumberToObject(item, "board_id", id);
-        cJSON_AddNumberToObject(item, "voltage", volts);
-        cJSON_AddNumberToObject(item, "temperature", degrees);
+        auto add = [&](const char *key, bool have, double value) {
+            cJSON_AddItemToObject(item, key, have ? cJSON_CreateNumber(value) : cJSON_CreateNull());
+        };
+        add("board_id", have_id, id);
+        add("voltage_v", have_volts, rounded(volts, 2));
+        add("temperature_c", have_degrees, rounded(degrees, 1));
         print_json(ctx, item);
     } else {
-        std::fprintf(ctx.out, "board id:    %d\nvoltage:     %.2f V\ntemperature: %.1f C\n", id, volts,
-                     degrees);
+        auto shown = [](bool have, const char *format, double value) {
+            char text[32] = "-";
+            if (have)
+                std::snprintf(text, sizeof text, format, value);
+            return std::string(text);
+        };
+        std::fprintf(ctx.out, "board id:    %s\nvoltage:     %s\ntemperature: %s\n",
+                     shown(have_id, "%.0f", id).c_str(), shown(have_volts, "%.2f V", volts).c_str(),
+                     shown(have_degrees, "%.1f C", degrees).c_str());
     }
-    return id < 0 || volts < 0 ? 1 : 0;
+    std::string missing;
+    for (auto [have, name] : {std::pair{have_id, "the board id"}, std::pair{have_volts, "the voltage"},
+                              std::pair{have_degrees, "the temperature"}})
+        if (!have)
+            missing += (missing.empty() ? "" : ", ") + std::string(name);
+    if (!missing.empty())
+        return fail("cannot read %s; see 'vexactl log'", missing.c_str());
+    return 0;
 }
 
-VEXACTL_COMMAND(adc, {"adc", "", "Show the board id, input voltage and temperature from the ADC", "",
+VEXACTL_COMMAND(adc, {"adc", "", "Show the board id, input voltage and temperature from the ADC",
+                      "A reading that cannot be taken shows '-' (null with --json) and makes the\n"
+                      "exit status 1.",
                       run_adc});
 
 // "YYYY-MM-DD HH:MM:SS" into a struct rtc_time.
@@ -110,8 +132,8 @@ int run_rtc(Context &ctx, const Args &args)
     if (args.empty()) {
         Table t({"alarm", "time"});
         struct rtc_time boot {}, wake {};
-        t.row({"boot", bi_rtc_get_boot_time(&boot) == 0 ? format_time(boot) : "-"});
-        t.row({"wake", bi_rtc_get_wake_time(&wake) == 0 ? format_time(wake) : "-"});
+        t.row({"boot", bi_rtc_get_boot_time(&boot) == 0 ? Cell(format_time(boot)) : Cell::none()});
+        t.row({"wake", bi_rtc_get_wake_time(&wake) == 0 ? Cell(format_time(wake)) : Cell::none()});
         t.print(ctx);
         return 0;
     }
@@ -179,7 +201,7 @@ int run_ir(Context &ctx, const Args &args)
         return fail("cannot read the infrared wake switch; see 'vexactl log'");
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
-        cJSON_AddStringToObject(item, "status", state == 0 ? "enable" : "disable");
+        cJSON_AddBoolToObject(item, "enabled", state == 0);
         print_json(ctx, item);
     } else {
         std::fprintf(ctx.out, "%s\n", state == 0 ? "enable" : "disable");
@@ -214,6 +236,7 @@ int run_audio(Context &ctx, const Args &args)
         return fail("cannot read codec %u; see 'vexactl log'", index);
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
+        cJSON_AddNumberToObject(item, "codec", index);
         cJSON_AddBoolToObject(item, "enabled", on == 1);
         print_json(ctx, item);
     } else {
@@ -253,19 +276,34 @@ int run_chips(Context &ctx, const Args &args)
     if (!args.empty())
         return usage_error(command_named("chips"), "takes no arguments");
     ctx.load_config();
-    auto state = [](int32_t v, int32_t good) { return v < 0 && good >= 0 ? "error" : (v == good ? "ok" : "fault"); };
-    Table t({"chip", "state"});
-    t.row({"codec 0", bi_i2c_get_audio_state(0) == 0 ? "ok" : "fault"});
-    t.row({"codec 1", bi_i2c_get_audio_state(1) == 0 ? "ok" : "fault"});
-    const int32_t rtc = bi_i2c_get_rtc_state(0);
-    t.row({"rtc", rtc < 0 ? "error" : (rtc == 0 ? "ok" : "clock lost")});
-    t.row({"clock", state(bi_i2c_get_clock_chip_state(0), 0)});
+    // Each chip is ok or faulty, however the library tells it: a codec's
+    // status other than ready, the RTC's oscillator-stop bit (1), a clock
+    // chip status other than 0x81, or a chip that cannot be read (-1).
+    const std::pair<const char *, bool> chips[] = {
+        {"codec 0", bi_i2c_get_audio_state(0) == 0},
+        {"codec 1", bi_i2c_get_audio_state(1) == 0},
+        {"rtc", bi_i2c_get_rtc_state(0) == 0},
+        {"clock", bi_i2c_get_clock_chip_state(0) == 0},
+    };
+    Table t({"chip", "ok"});
+    std::string faulty;
+    for (auto &[chip, ok] : chips) {
+        t.row({chip, Cell::truth(ok, "ok", "fault")});
+        if (!ok)
+            faulty += (faulty.empty() ? "" : ", ") + std::string(chip);
+    }
     t.print(ctx);
+    if (!faulty.empty())
+        return fail("faulty: %s; see 'vexactl log'", faulty.c_str());
     return 0;
 }
 
 VEXACTL_COMMAND(chips, {"chips", "", "Show the states of the audio codecs, the RTC chip and the clock chip",
-                        "", run_chips});
+                        "Each chip reads ok or fault (with --json: \"ok\": true or false). A fault is a\n"
+                        "codec that does not report ready, an RTC whose oscillator stopped, a clock\n"
+                        "chip whose status is not 0x81, or a chip that does not answer. Exit status 1\n"
+                        "when any chip is faulty.",
+                        run_chips});
 
 } // namespace
 } // namespace vexactl

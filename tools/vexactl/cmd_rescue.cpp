@@ -7,6 +7,7 @@
 
 #include "platform/os.h"
 #include "tools/vexactl/command.h"
+#include "tools/vexactl/progress.h"
 #include "vexasdk/product_config.h"
 #include "vexasdk/storage.h"
 
@@ -66,17 +67,44 @@ int run_rescue(Context &ctx, const Args &args)
     ctx.board();
     const std::string &verb = args[0];
     if (verb == "backup" && args.size() == 1) {
-        const int32_t rc = bi_rescue_backup_data();
+        int32_t rc;
+        {
+            Progress bar(ctx, "backup", 0, ""); // the partition is mounted with waits of a second
+            rc = bi_rescue_backup_data();
+        }
         if (rc != 0)
             return fail("backup failed (%d); see 'vexactl log'", rc);
-        std::fprintf(ctx.out, "settings backed up to /Reserve0/RescueParty\n");
+        if (ctx.json) {
+            cJSON *item = cJSON_CreateObject();
+            cJSON_AddStringToObject(item, "backed_up_to", "/Reserve0/RescueParty");
+            print_json(ctx, item);
+        } else {
+            std::fprintf(ctx.out, "settings backed up to /Reserve0/RescueParty\n");
+        }
         return 0;
     }
     if (verb == "restore" && args.size() == 1) {
-        const int32_t rc = bi_rescue_restore_data();
+        // The library restores what it can and restarts: a part it could
+        // not restore (the screen parameters' file, a settings file that
+        // does not parse) is only in its log, so it is told here.
+        ErrorWatch watch(ctx.board(), "vexa_system_bi_rescue");
+        int32_t rc;
+        {
+            Progress bar(ctx, "restore", 0, "");
+            rc = bi_rescue_restore_data();
+        }
         if (rc != 0)
             return fail("restore failed (%d); see 'vexactl log'", rc);
-        std::fprintf(ctx.out, "settings restored; restart recorded (the virtual board does not restart)\n");
+        for (const auto &record : watch.seen())
+            say(ctx, "vexactl: warning: %s", record.line().c_str());
+        if (ctx.json) {
+            cJSON *item = cJSON_CreateObject();
+            cJSON_AddBoolToObject(item, "restored", true);
+            cJSON_AddBoolToObject(item, "restart_requested", true);
+            print_json(ctx, item);
+        } else {
+            std::fprintf(ctx.out, "settings restored; restart recorded (the virtual board does not restart)\n");
+        }
         return 0;
     }
     if (verb == "status" && args.size() == 1) {
@@ -114,7 +142,7 @@ int run_rescue(Context &ctx, const Args &args)
         if (ctx.json) {
             cJSON *item = cJSON_CreateObject();
             cJSON_AddNumberToObject(item, "seconds", static_cast<double>(when));
-            cJSON_AddStringToObject(item, "utc", utc);
+            cJSON_AddItemToObject(item, "utc", *utc ? cJSON_CreateString(utc) : cJSON_CreateNull());
             print_json(ctx, item);
         } else {
             std::fprintf(ctx.out, "%s%s%s\n", stamp, *utc ? "  " : "", utc);

@@ -48,7 +48,7 @@ int run_set(Context &ctx, const Command &command, const Args &args)
     if (ret == -1 && r.width == 0 && r.height == 0)
         return fail("the product has no resolution limits (module id %d); see 'vexactl log'",
                     bi_product ? bi_product->mod_id : 0);
-    Table table({"width", "height", "refresh", "status"});
+    Table table({"width", "height", "refresh_hz", "status"});
     add_row(table, r, ctx.json);
     table.print(ctx);
     if (r.status != 1)
@@ -66,7 +66,7 @@ int run_resolution(Context &ctx, const Args &args)
     if (args.size() != 1)
         return usage_error(command, args[0] + " takes no arguments");
     ctx.load_config();
-    Table table({"width", "height", "refresh", "status"});
+    Table table({"width", "height", "refresh_hz", "status"});
     if (args[0] == "get") {
         st_bi_sffe_resolution r{};
         if (bi_resolution_get_parameters(&r) != 0)

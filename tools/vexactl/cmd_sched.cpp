@@ -1,4 +1,6 @@
 // sched: pinning a process to the main cores and the cpufreq governor.
+#include <unistd.h>
+
 #include <string>
 
 #include "sim/cpu/cpu.h"
@@ -67,22 +69,31 @@ int set_governor(Context &ctx, const std::string &name)
     return show_governors(ctx);
 }
 
+// PID 0 is the caller, as for the library (and sched_setaffinity): this
+// vexactl process, which leaves when the command ends.
 int pin(Context &ctx, bool bind, int pid)
 {
     const int32_t rc = bind ? bi_sched_bind_pid_to_main_core(pid) : bi_sched_unbind_pid_from_main_core(pid);
     if (rc != 0)
         return fail("%s %d failed; see 'vexactl log'", bind ? "bind" : "unbind", pid);
-    const uint64_t mask = vexa::sim::cpu_affinity(ctx.board(), pid).value_or(0);
+    const int actual = pid == 0 ? static_cast<int>(::getpid()) : pid;
+    const auto mask = vexa::sim::cpu_affinity(ctx.board(), actual);
+    if (!mask || *mask == 0)
+        return fail("%s %d: the board has no affinity recorded for process %d", bind ? "bind" : "unbind", pid,
+                    actual);
     char hex[24];
-    std::snprintf(hex, sizeof hex, "0x%02llx", static_cast<unsigned long long>(mask));
+    std::snprintf(hex, sizeof hex, "0x%02llx", static_cast<unsigned long long>(*mask));
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
-        cJSON_AddNumberToObject(item, "pid", pid);
-        cJSON_AddStringToObject(item, "mask", hex);
-        cJSON_AddStringToObject(item, "cores", cores_of(mask).c_str());
+        cJSON_AddNumberToObject(item, "pid", actual);
+        cJSON_AddItemToObject(item, "mask", exact_number(*mask));
+        cJSON_AddStringToObject(item, "cores", cores_of(*mask).c_str());
         print_json(ctx, item);
+    } else if (pid == 0) {
+        std::fprintf(ctx.out, "pid 0 (this vexactl, pid %d): cores %s (mask %s)\n", actual,
+                     cores_of(*mask).c_str(), hex);
     } else {
-        std::fprintf(ctx.out, "pid %d: cores %s (mask %s)\n", pid, cores_of(mask).c_str(), hex);
+        std::fprintf(ctx.out, "pid %d: cores %s (mask %s)\n", pid, cores_of(*mask).c_str(), hex);
     }
     return 0;
 }
@@ -108,8 +119,9 @@ int run_sched(Context &ctx, const Args &args)
 VEXACTL_COMMAND(sched, {"sched", "bind PID | unbind PID | governor [NAME]",
                         "Pin a process to the main cores, or set the CPU governor",
                         "bind pins PID to cores 0-3 (and tunes the block queues for playback);\n"
-                        "unbind lets it run on every core. On the virtual board the affinity is\n"
-                        "recorded in the board's state, never applied to the host.\n"
+                        "unbind lets it run on every core. PID 0 is the caller, as for the\n"
+                        "library: this vexactl process itself. On the virtual board the affinity\n"
+                        "is recorded in the board's state, never applied to the host.\n"
                         "governor shows the governor of both CPU clusters (policy0, policy4);\n"
                         "governor NAME sets it on both.",
                         run_sched});

@@ -63,7 +63,7 @@ int run_serial(Context &ctx, const Args &args)
         } else if (ctx.json) {
             cJSON *o = cJSON_CreateObject();
             cJSON_AddStringToObject(o, "port", port->name);
-            cJSON_AddNumberToObject(o, "sent", n);
+            cJSON_AddNumberToObject(o, "sent_bytes", n);
             print_json(ctx, o);
         } else {
             std::fprintf(ctx.out, "sent %d bytes to %s\n", n, port->name);

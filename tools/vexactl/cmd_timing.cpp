@@ -56,7 +56,7 @@ int run_timing(Context &ctx, const Args &args)
     const bool have_mode =
         vert_refresh(int32_t(w), int32_t(h), float(fps), 0, 1, 0, 0, &mode) == 0;
     Table table({"engine", "clock_khz", "hdisplay", "hsync_start", "hsync_end", "htotal",
-                 "vdisplay", "vsync_start", "vsync_end", "vtotal", "vrefresh"});
+                 "vdisplay", "vsync_start", "vsync_end", "vtotal", "vrefresh_hz"});
     table.row({engine, t.clock, t.hdisplay, t.hsync_start, t.hsync_end, t.htotal, t.vdisplay, t.vsync_start,
                t.vsync_end, t.vtotal, t.vrefresh});
     if (ctx.json) {

@@ -23,11 +23,15 @@ int run_upgrade(Context &ctx, const Args &args)
     const int32_t flag = bi_get_system_downgrade_flag();
     if (flag < 0)
         return fail("cannot read the downgrade flag (%d); see 'vexactl log'", flag);
+    if (args.size() == 2 && (flag == 1) != (args[1] == "on"))
+        return fail("the downgrade flag reads %s after setting it %s; see 'vexactl log'", flag == 1 ? "on" : "off",
+                    args[1].c_str());
     const std::string version = ctx.board().property("persist.upgrade.version");
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
         cJSON_AddBoolToObject(item, "downgrade", flag == 1);
-        cJSON_AddStringToObject(item, "version", version.c_str());
+        cJSON_AddItemToObject(item, "version",
+                              version.empty() ? cJSON_CreateNull() : cJSON_CreateString(version.c_str()));
         print_json(ctx, item);
     } else {
         std::fprintf(ctx.out, "downgrade flag: %s\n", flag == 1 ? "on" : "off");

@@ -16,11 +16,11 @@ namespace {
 int ports(Context &ctx)
 {
     ctx.load_config();
-    Table table({"port", "state", "path"});
+    Table table({"port", "power", "path"});
     for (int index = 1; index <= 4; ++index) {
         const int32_t state = bi_get_usb_state(index);
-        table.row({index, state < 0 ? Cell::none() : Cell(state == 0 ? "off" : "on"),
-                   bi_product ? bi_product->usb_path[index - 1] : ""});
+        table.row({index, state < 0 ? Cell::none() : Cell::truth(state != 0, "on", "off"),
+                   bi_product ? Cell(bi_product->usb_path[index - 1]) : Cell::none()});
     }
     table.print(ctx);
     return 0;
@@ -33,20 +33,27 @@ int port(Context &ctx, const std::string &number, const std::string &state)
     ctx.load_config();
     if (bi_set_usb_state(index, on) != 0)
         return fail("switching port %d failed; see 'vexactl log'", static_cast<int>(index));
+    const int32_t now = bi_get_usb_state(index);
+    if (now < 0 || (now != 0) != on)
+        return fail("port %d is still %s after switching it %s; see 'vexactl log'", static_cast<int>(index),
+                    now < 0 ? "unreadable" : now ? "on" : "off", state.c_str());
     return ports(ctx);
 }
 
 int otg(Context &ctx, const Args &roles)
 {
     ctx.board();
+    int32_t wanted = -1;
     if (!roles.empty()) {
-        const size_t mode = one_of(roles[0], "the OTG role", {"host", "peripheral"});
-        if (bi_otg_set_mode(static_cast<int32_t>(mode)) < 0)
+        wanted = static_cast<int32_t>(one_of(roles[0], "the OTG role", {"host", "peripheral"}));
+        if (bi_otg_set_mode(wanted) < 0)
             return fail("setting the OTG role failed; see 'vexactl log'");
     }
     const int32_t mode = bi_otg_get_mode();
     if (mode < 0)
         return fail("the OTG role cannot be read; see 'vexactl log'");
+    if (wanted >= 0 && mode != wanted)
+        return fail("the OTG role is still %s; see 'vexactl log'", mode == 0 ? "host" : "peripheral");
     const char *role = mode == 0 ? "host" : "peripheral";
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
@@ -129,7 +136,7 @@ bool with_board_usb(Context &ctx)
     if (vexa::sim::usb_preloaded())
         return true;
     std::fflush(ctx.out);
-    ::dup2(fileno(ctx.out), STDOUT_FILENO);
+    restore_standard_streams();
     return vexa::sim::preload_usb();
 }
 

@@ -25,9 +25,9 @@
 // and exit code 2, before run is called. Numbers are decimal unless written
 // with 0x (hexadecimal): "010" is ten.
 //
-// Every command also takes the global options --board DIR, --json, --help
-// (-h) and --version; --help prints the command's usage, its options and its
-// help text without running it.
+// Every command also takes the global options --board DIR, --json, --quiet
+// (-q), --verbose (-v), --help (-h) and --version; --help prints the
+// command's usage, its options and its help text without running it.
 //
 // run gets the operands (the words that are not options), in order, and
 // reads its options from the context: ctx.flag("save"),
@@ -37,12 +37,28 @@
 // Operands are parsed with the helpers below: number_operand() and
 // one_of() throw UsageError, which ends the command with its message and
 // usage and exit code 2. Failures of the board or the library go through
-// fail(): "vexactl: MESSAGE" on standard error and exit code 1.
+// fail(): "vexactl: MESSAGE" on standard error and exit code 1. A job that
+// did not happen is a failure, whatever the library returned: a command
+// checks what it can see of the result (the file written, the entries left,
+// the state read back) before it reports success.
 //
-// Output: plain text on ctx.out, or with --json (ctx.json) one JSON document.
-// Table and print_json keep types: a cell made from a number is a JSON
-// number, one made from text is a JSON string even when it reads like a
-// number ("0777" stays "0777").
+// Output: plain text on ctx.out, or with --json (ctx.json) one JSON document
+// and nothing else on standard output. Table and print_json keep types: a
+// cell made from a number is a JSON number, one made from text is a JSON
+// string even when it reads like a number ("0777" stays "0777"). Across
+// commands one set of types holds: numbers are numbers (the module id too),
+// flags are true or false, a missing value is null, a unit goes in the
+// field's name ("temperature_c", "size_mb"), never in the value, and reals
+// are rounded to what the quantity means (Cell::real, rounded()).
+//
+// Standard error is vexactl's own: write messages to errors() (fail() and
+// say() do), never to stderr. The library's printed text (what it writes to
+// standard output and standard error itself) is dropped unless -v is given,
+// and then goes to vexactl's standard error; what the library logs reaches
+// the board's log either way. -q (ctx.quiet) silences everything but
+// errors: ctx.out is then a sink, say() and the progress bar print nothing;
+// a file written to "-" (write_output) still goes to standard output.
+// Jobs longer than a second show the progress bar of progress.h.
 //
 // "-" names standard input or output where a command takes a file
 // (read_input, write_output).
@@ -106,8 +122,11 @@ private:
 
 class Context {
 public:
-    FILE *out = stdout;   // the command's own output (standard output)
+    FILE *out = stdout;   // the command's own output (standard output; a sink under -q)
+    FILE *std_out = stdout; // standard output itself, for a file written to "-"
     bool json = false;    // --json was given
+    bool quiet = false;   // -q: nothing but errors
+    bool verbose = false; // -v: the library's printed text on standard error
     std::string board_dir;
     const Command *command = nullptr; // the command being run
     Options options;      // the command's own options, as given
@@ -150,8 +169,18 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// vexactl's standard error. The process's own standard error (stderr) is
+// where the library's printed text goes.
+FILE *errors();
+// Points standard output and standard error back at vexactl's own, for a
+// program it runs in its place (exec).
+void restore_standard_streams();
+
 // Prints "vexactl: MESSAGE" on standard error; returns 1.
 int fail(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// Prints MESSAGE and a newline on standard error unless -q was given: what a
+// command tells while it works ("telling the tools to stop (2 s)...").
+void say(const Context &ctx, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 // Prints "vexactl COMMAND: MESSAGE" and the command's usage on standard
 // error; returns 2.
 int usage_error(const Command &command, const std::string &message);
@@ -173,12 +202,35 @@ bool read_input(const std::string &path, std::string *bytes);
 // Writes bytes to a file of the host, or to the command's output for "-".
 bool write_output(Context &ctx, const std::string &path, const std::string &bytes);
 
+// The error records (priority E) this process logs under a tag from now on:
+// how a command learns that a job the library reports as done failed, where
+// the library's only report is its log (a tar that failed).
+class ErrorWatch {
+public:
+    ErrorWatch(vexa::sim::Board &board, std::string tag);
+    // The records logged since the watch began, oldest first.
+    std::vector<vexa::sim::LogRecord> seen() const;
+
+private:
+    vexa::sim::Board &board_;
+    std::string tag_;
+};
+
 // Prints a JSON value on ctx.out and deletes it.
 void print_json(Context &ctx, cJSON *item);
 
-// One cell of a table: text, a whole number, a truth value or nothing
-// (printed as "-", null in JSON). A number may be shown in hexadecimal in the
-// text table (Cell::hex) and stays a number in JSON.
+// value rounded to the given number of decimals (a reading of 11.999999046
+// volts is 12.0 at 2 decimals).
+double rounded(double value, int decimals);
+// A whole number as a JSON number with all its digits, also past 2^53 (a
+// 64-bit word), which a double would round.
+cJSON *exact_number(unsigned long long value);
+
+// One cell of a table: text, a whole number, a real, a truth value or
+// nothing (printed as "-", null in JSON). A number may be shown in
+// hexadecimal in the text table (Cell::hex) and stays a number in JSON; a
+// truth value may be shown as two words of its own ("on"/"off") and stays
+// true or false in JSON.
 class Cell {
 public:
     Cell(const char *text) : kind_(Kind::text), text_(text ? text : "") {}
@@ -187,8 +239,9 @@ public:
     Cell(T value) : kind_(Kind::number), number_(static_cast<long long>(value)), text_(std::to_string(value))
     {
     }
-    static Cell truth(bool value);
-    static Cell real(double value);
+    static Cell truth(bool value, const char *yes = "yes", const char *no = "no");
+    // A real rounded to `decimals`, shown with that many.
+    static Cell real(double value, int decimals);
     static Cell hex(unsigned long long value, int digits);
     static Cell none();
 

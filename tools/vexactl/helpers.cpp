@@ -9,26 +9,57 @@
 
 #include "tools/vexactl/command.h"
 #include "tools/vexactl/parse.h"
+#include "tools/vexactl/progress.h"
 
 namespace vexactl {
 
 int fail(const char *fmt, ...)
 {
-    std::fflush(stdout);
-    std::fprintf(stderr, "vexactl: ");
+    break_progress_line();
+    FILE *err = errors();
+    std::fprintf(err, "vexactl: ");
     va_list ap;
     va_start(ap, fmt);
-    std::vfprintf(stderr, fmt, ap);
+    std::vfprintf(err, fmt, ap);
     va_end(ap);
-    std::fprintf(stderr, "\n");
+    std::fprintf(err, "\n");
+    std::fflush(err);
     return 1;
+}
+
+void say(const Context &ctx, const char *fmt, ...)
+{
+    if (ctx.quiet)
+        return;
+    break_progress_line();
+    FILE *err = errors();
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(err, fmt, ap);
+    va_end(ap);
+    std::fprintf(err, "\n");
+    std::fflush(err);
 }
 
 int usage_error(const Command &command, const std::string &message)
 {
-    std::fprintf(stderr, "vexactl %s: %s\n%s\n", command.name.c_str(), message.c_str(),
+    std::fprintf(errors(), "vexactl %s: %s\n%s\n", command.name.c_str(), message.c_str(),
                  usage_line(command).c_str());
     return 2;
+}
+
+ErrorWatch::ErrorWatch(vexa::sim::Board &board, std::string tag) : board_(board), tag_(std::move(tag))
+{
+    board_.new_log(); // marks where this watch begins
+}
+
+std::vector<vexa::sim::LogRecord> ErrorWatch::seen() const
+{
+    std::vector<vexa::sim::LogRecord> found;
+    for (auto &record : board_.new_log())
+        if (record.pid == ::getpid() && record.priority >= 6 && record.tag == tag_)
+            found.push_back(record);
+    return found;
 }
 
 bool parse_number(const std::string &text, long long min, long long max, long long *value)
@@ -127,7 +158,8 @@ bool read_input(const std::string &path, std::string *bytes)
 bool write_output(Context &ctx, const std::string &path, const std::string &bytes)
 {
     if (path == "-") {
-        if (std::fwrite(bytes.data(), 1, bytes.size(), ctx.out) != bytes.size() || std::fflush(ctx.out) != 0) {
+        if (std::fwrite(bytes.data(), 1, bytes.size(), ctx.std_out) != bytes.size() ||
+            std::fflush(ctx.std_out) != 0) {
             fail("cannot write standard output: %s", std::strerror(errno));
             return false;
         }

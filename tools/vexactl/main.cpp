@@ -1,4 +1,5 @@
 // vexactl: the board's command-line front end for technicians and demos.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "tools/vexactl/command.h"
@@ -15,7 +16,66 @@ std::map<std::string, Command> &registry()
     return map;
 }
 
+// vexactl's own standard output and standard error: copies of descriptors 1
+// and 2 as the process got them (-1 when one was closed). Descriptors 1 and
+// 2 themselves carry the library's printed text.
+int g_out_fd = -1;
+int g_err_fd = -1;
+FILE *g_err = stderr;
+
+// Takes vexactl's own streams apart from the library's and drops the
+// library's text until route_library_text says otherwise.
+FILE *take_standard_streams()
+{
+    std::fflush(stdout);
+    std::fflush(stderr);
+    g_out_fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    g_err_fd = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (g_err_fd >= 0) {
+        if (FILE *err = ::fdopen(g_err_fd, "w")) {
+            std::setvbuf(err, nullptr, _IONBF, 0);
+            g_err = err;
+        }
+    }
+    // With standard output closed, what the command prints cannot be
+    // written: /dev/full makes that a failure the exit code shows.
+    FILE *out = g_out_fd >= 0 ? ::fdopen(g_out_fd, "w") : std::fopen("/dev/full", "we");
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null >= 0) {
+        ::dup2(null, STDOUT_FILENO);
+        ::dup2(null, STDERR_FILENO);
+        if (null > STDERR_FILENO)
+            ::close(null);
+    }
+    return out ? out : stdout;
+}
+
+// With -v the library's printed text goes to vexactl's standard error, a
+// line at a time so that it keeps its place among vexactl's own lines.
+void route_library_text(bool verbose)
+{
+    if (!verbose || g_err_fd < 0)
+        return;
+    std::fflush(stdout);
+    std::fflush(stderr);
+    ::dup2(g_err_fd, STDOUT_FILENO);
+    ::dup2(g_err_fd, STDERR_FILENO);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+}
+
 } // namespace
+
+FILE *errors() { return g_err; }
+
+void restore_standard_streams()
+{
+    std::fflush(stdout);
+    std::fflush(stderr);
+    if (g_out_fd >= 0)
+        ::dup2(g_out_fd, STDOUT_FILENO);
+    if (g_err_fd >= 0)
+        ::dup2(g_err_fd, STDERR_FILENO);
+}
 
 bool register_command(Command command)
 {
@@ -116,32 +176,38 @@ int main(int argc, char **argv)
 {
     using namespace vexactl;
     Context ctx;
-    // The library prints some of its chatter on standard output; keep that
-    // apart from vexactl's own output, which goes to the original descriptor.
-    const int out_fd = ::dup(STDOUT_FILENO);
-    ctx.out = out_fd >= 0 ? ::fdopen(out_fd, "w") : stdout;
-    std::fflush(stdout);
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    // The library prints some of its own text on standard output and
+    // standard error; vexactl's output and messages go to copies of the
+    // original descriptors, and the library's text only with -v.
+    ctx.out = ctx.std_out = take_standard_streams();
 
     CommandLine line;
     if (int rc = parse_command_line(argc, argv, &line))
         return rc;
     if (line.version) {
-        std::fprintf(ctx.out, "vexactl (vexasdk) %s\n", VEXASDK_VERSION);
-        std::fflush(ctx.out);
-        return 0;
+        if (line.json)
+            std::fprintf(ctx.out, "{\"version\": \"%s\"}\n", VEXASDK_VERSION);
+        else
+            std::fprintf(ctx.out, "vexactl (vexasdk) %s\n", VEXASDK_VERSION);
+        return std::fflush(ctx.out) == 0 ? 0 : fail("cannot write standard output");
     }
     if (!line.command) {
-        print_usage(line.help ? ctx.out : stderr);
+        print_usage(line.help ? ctx.out : errors());
         std::fflush(ctx.out);
         return line.help ? 0 : 2;
     }
     if (line.help) {
         print_command_help(ctx.out, *line.command);
-        std::fflush(ctx.out);
-        return 0;
+        return std::fflush(ctx.out) == 0 ? 0 : fail("cannot write standard output");
     }
+    route_library_text(line.verbose);
     ctx.json = line.json;
+    ctx.quiet = line.quiet;
+    ctx.verbose = line.verbose;
+    if (ctx.quiet) {
+        if (FILE *sink = std::fopen("/dev/null", "we"))
+            ctx.out = sink;
+    }
     ctx.board_dir = line.board_dir;
     ctx.command = line.command;
     ctx.options = line.options;
@@ -153,7 +219,8 @@ int main(int argc, char **argv)
     } catch (const std::exception &e) {
         status = fail("%s", e.what());
     }
-    if (std::fflush(ctx.out) != 0 && status == 0)
+    const bool out_failed = std::fflush(ctx.out) != 0 || std::fflush(ctx.std_out) != 0;
+    if (out_failed && status == 0)
         status = fail("cannot write standard output");
     return status;
 }

@@ -15,7 +15,9 @@ const std::vector<Option> &global_options()
 {
     static const std::vector<Option> options = {
         text("board", "DIR", "the virtual board to act on (laid out on first use)"),
-        flag("json", "print tables and records as JSON"),
+        flag("json", "print tables and records as one JSON document"),
+        flag("quiet", "print nothing but errors").letter('q'),
+        flag("verbose", "show the library's own printed text (on standard error)").letter('v'),
         flag("help", "print this help and exit").letter('h'),
         flag("version", "print the version and exit"),
     };
@@ -51,6 +53,9 @@ bool long_takes_value(const std::string &written)
 
 bool short_takes_value(char c)
 {
+    for (auto &option : global_options())
+        if (option.short_name == c)
+            return takes_value(option);
     for (auto &[name, command] : commands())
         for (auto &option : command.options)
             if (option.short_name == c)
@@ -212,19 +217,19 @@ int parse_command_line(int argc, char **argv, CommandLine *line)
     if (at < argc) {
         auto it = commands().find(argv[at]);
         if (it == commands().end()) {
-            std::fprintf(stderr, "vexactl: unknown command '%s'\n", argv[at]);
-            print_usage(stderr);
+            std::fprintf(errors(), "vexactl: unknown command '%s'\n", argv[at]);
+            print_usage(errors());
             return 2;
         }
         line->command = &it->second;
         prefix += " " + line->command->name;
     }
     auto bad_line = [&](const std::string &message) {
-        std::fprintf(stderr, "%s: %s\n", prefix.c_str(), message.c_str());
+        std::fprintf(errors(), "%s: %s\n", prefix.c_str(), message.c_str());
         if (line->command)
-            std::fprintf(stderr, "%s\n", usage_line(*line->command).c_str());
+            std::fprintf(errors(), "%s\n", usage_line(*line->command).c_str());
         else
-            std::fprintf(stderr, "usage: vexactl [--board DIR] [--json] COMMAND [OPTIONS] [ARGS...]\n");
+            std::fprintf(errors(), "usage: vexactl [--board DIR] [--json] COMMAND [OPTIONS] [ARGS...]\n");
         return 2;
     };
 
@@ -315,8 +320,12 @@ int parse_command_line(int argc, char **argv, CommandLine *line)
         } else if (option == all[1]) {
             line->json = true;
         } else if (option == all[2]) {
-            line->help = true;
+            line->quiet = true;
         } else if (option == all[3]) {
+            line->verbose = true;
+        } else if (option == all[4]) {
+            line->help = true;
+        } else if (option == all[5]) {
             line->version = true;
         } else {
             line->options.add(option->name, value);
@@ -325,6 +334,8 @@ int parse_command_line(int argc, char **argv, CommandLine *line)
     // After "--": every word is an operand.
     for (int i = optind; i < argc; ++i)
         operand(argv[i]);
+    if (line->quiet && line->verbose)
+        return bad_line("--quiet and --verbose do not go together");
     return 0;
 }
 

@@ -14,6 +14,8 @@ struct CommandLine {
     Options options;                  // the command's own options
     std::string board_dir;            // --board
     bool json = false;                // --json
+    bool quiet = false;               // --quiet, -q
+    bool verbose = false;             // --verbose, -v
     bool help = false;                // --help, -h
     bool version = false;             // --version
 };

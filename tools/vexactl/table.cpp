@@ -1,25 +1,37 @@
 // vexactl's output: tables and JSON documents that keep their values' types.
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 
 #include "tools/vexactl/command.h"
 
 namespace vexactl {
 
-Cell Cell::truth(bool value)
+double rounded(double value, int decimals)
 {
-    Cell cell(Kind::truth, value ? "yes" : "no");
+    const double scale = std::pow(10.0, decimals);
+    return std::round(value * scale) / scale;
+}
+
+cJSON *exact_number(unsigned long long value)
+{
+    return cJSON_CreateRaw(std::to_string(value).c_str());
+}
+
+Cell Cell::truth(bool value, const char *yes, const char *no)
+{
+    Cell cell(Kind::truth, value ? yes : no);
     cell.number_ = value;
     return cell;
 }
 
-Cell Cell::real(double value)
+Cell Cell::real(double value, int decimals)
 {
-    char shown[32];
-    std::snprintf(shown, sizeof shown, "%g", value);
+    char shown[48];
+    std::snprintf(shown, sizeof shown, "%.*f", decimals, value);
     Cell cell(Kind::real, shown);
-    cell.real_ = value;
+    cell.real_ = rounded(value, decimals);
     return cell;
 }
 
