@@ -28,10 +28,10 @@
 // transfer waits for the IN side to be read); an IN transfer waits until
 // there is data. Interfaces are claimed as usbfs claims them: a transfer on
 // an interface that another open of the node has claimed fails with EBUSY.
-// Unplugged, the device leaves the bus (libusb's hotplug callbacks see it
-// go) and every call on a node opened before fails with ENODEV; plugged
-// again, it comes back at the next free address, as a re-enumerated device
-// does.
+// The knob usb.device=unplugged pulls its cable: the device leaves the bus
+// (libusb's hotplug callbacks see it go) and every call on a node opened
+// before fails with ENODEV; plugged again, it comes back at the next free
+// address, as a re-enumerated device does.
 #ifndef VEXA_SIM_USB_USB_H
 #define VEXA_SIM_USB_USB_H
 
@@ -74,10 +74,6 @@ std::optional<UsbDeviceState> usb_device_state(const Board &board);
 // started with LD_PRELOAD=libumockdev-preload.so.0 and UMOCKDEV_DIR set to it
 // reaches the bus without attaching the board.
 std::string usb_testbed(const Board &board);
-
-// Pulls the bulk device's cable out (false) or puts it back (true). Returns
-// false when the board has no bus or no bulk device.
-bool set_usb_plugged(const Board &board, bool plugged);
 
 } // namespace vexa::sim
 

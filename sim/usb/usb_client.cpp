@@ -106,12 +106,6 @@ std::string usb_testbed(const Board &board)
     return reply && *reply != "none" ? *reply : std::string();
 }
 
-bool set_usb_plugged(const Board &board, bool plugged)
-{
-    const auto reply = board.call(kUsbService, plugged ? "plug" : "unplug");
-    return reply && *reply == "ok";
-}
-
 } // namespace vexa::sim
 
 // libusb's start, as the library and any program call it: the board is

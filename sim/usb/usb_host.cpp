@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/state.h"
 #include "sim/usb/usb_settings.h"
 
 extern char **environ;
@@ -30,6 +31,7 @@ namespace vexa::sim {
 namespace {
 
 const char kSettings[] = "/.board/usb-device.conf";
+const char kKnob[] = "usb.device";
 const char kPreload[] = "libumockdev-preload.so.0";
 // The helper's requests and replies: a 4-byte length, then the bytes. A
 // reply is never longer than the state of a full echo.
@@ -89,7 +91,10 @@ bool read_all(int fd, void *data, size_t len)
 // The helper process of one board, talked to over a socket pair.
 class UsbHelper {
 public:
-    explicit UsbHelper(std::string settings) : settings_(std::move(settings)) {}
+    UsbHelper(std::string settings, std::weak_ptr<Board::State> board)
+        : settings_(std::move(settings)), board_(std::move(board))
+    {
+    }
     ~UsbHelper()
     {
         std::lock_guard<std::mutex> lock(mu_);
@@ -161,6 +166,10 @@ private:
         sock_ = pair[0];
         pid_ = pid;
         owner_ = ::getpid();
+        // A bus starts with the device plugged; the knob may say otherwise.
+        std::string reply;
+        if (auto board = board_.lock(); board && knob_value(*board, kKnob) == "unplugged")
+            exchange("unplug", &reply);
         return true;
     }
 
@@ -196,6 +205,7 @@ private:
     }
 
     std::string settings_;
+    std::weak_ptr<Board::State> board_;
     std::mutex mu_;
     int sock_ = -1;
     pid_t pid_ = -1;
@@ -226,9 +236,16 @@ VEXA_SIM_SEEDER(usb)
 }
 
 // The bus lives in the helper; this process's service reaches it for every
-// process that attaches the board.
+// process that attaches the board, and the knob usb.device pulls the
+// device's cable.
 VEXA_SIM_ATTACHER(usb)
 {
-    auto helper = std::make_shared<UsbHelper>(board.host_path(kSettings));
+    auto helper = std::make_shared<UsbHelper>(board.host_path(kSettings), attached());
     board.serve(kUsbService, [helper](const std::string &request) { return helper->ask(request); });
+    board.add_knob({kKnob, "plugged|unplugged",
+                    "unplugged: the bulk device leaves the bus (libusb's hotplug sees it go, open nodes fail "
+                    "with ENODEV); plugged again, it comes back at the next address",
+                    "plugged", {}, [helper](const std::string &value) {
+                        helper->ask(value == "unplugged" ? "unplug" : "plug");
+                    }});
 }

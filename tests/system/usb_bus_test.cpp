@@ -291,13 +291,13 @@ TEST_F(UsbBusTest, UnpluggedAndPluggedAgainTheDeviceComesBackAtTheNextAddress)
               0);
     EXPECT_THAT(log.events, ElementsAre("arrived 1-2"));
 
-    ASSERT_TRUE(sim::set_usb_plugged(board(), false));
+    ASSERT_EQ(board().set_knob("usb.device", "unplugged"), 0);
     events_until(context, log, 2);
     auto state = sim::usb_device_state(board());
     EXPECT_FALSE(state->plugged);
     EXPECT_EQ(::access(node(2).c_str(), F_OK), -1) << "its node has gone";
 
-    ASSERT_TRUE(sim::set_usb_plugged(board(), true));
+    ASSERT_EQ(board().set_knob("usb.device", "plugged"), 0);
     events_until(context, log, 3);
     EXPECT_THAT(log.events, ElementsAre("arrived 1-2", "left 1-2", "arrived 1-3"));
     state = sim::usb_device_state(board());
@@ -312,6 +312,18 @@ TEST_F(UsbBusTest, UnpluggedAndPluggedAgainTheDeviceComesBackAtTheNextAddress)
     EXPECT_EQ(list.devices[0].address, 3);
 }
 
+TEST_F(UsbBusTest, ABusSetUpWhileTheKnobSaysUnpluggedHasNoDevice)
+{
+    rebuild(sim::Board::Builder().file("/.board/knobs", "usb.device=unplugged\n"));
+    const auto state = sim::usb_device_state(board());
+    ASSERT_TRUE(state);
+    EXPECT_FALSE(state->plugged);
+    EXPECT_EQ(bi_usb_open(kVendor, kProduct, 0xff, 0, kBulk, nullptr), -1);
+    ASSERT_EQ(board().set_knob("usb.device", ""), 0) << "cleared, the knob is back to plugged";
+    EXPECT_TRUE(sim::usb_device_state(board())->plugged);
+    EXPECT_EQ(bi_usb_open(kVendor, kProduct, 0xff, 0, kBulk, nullptr), 0);
+}
+
 TEST_F(UsbBusTest, AnOpenChannelFailsWithNoDeviceOnceUnpluggedAndOpensAgainOncePlugged)
 {
     ASSERT_EQ(bi_usb_open(kVendor, kProduct, 0xff, 0, kBulk, nullptr), 0);
@@ -323,7 +335,7 @@ TEST_F(UsbBusTest, AnOpenChannelFailsWithNoDeviceOnceUnpluggedAndOpensAgainOnceP
         read = bi_usb_blocking_read(buf, sizeof buf, 60000);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    ASSERT_TRUE(sim::set_usb_plugged(board(), false));
+    ASSERT_EQ(board().set_knob("usb.device", "unplugged"), 0);
     reader.join();
     EXPECT_EQ(read, -1);
     const uint8_t text[] = "after";
@@ -337,7 +349,7 @@ TEST_F(UsbBusTest, AnOpenChannelFailsWithNoDeviceOnceUnpluggedAndOpensAgainOnceP
                      "continue cleanup"}));
     EXPECT_EQ(bi_usb_open(kVendor, kProduct, 0xff, 0, kBulk, nullptr), -1) << "the bus has no such device";
 
-    ASSERT_TRUE(sim::set_usb_plugged(board(), true));
+    ASSERT_EQ(board().set_knob("usb.device", "plugged"), 0);
     ASSERT_EQ(bi_usb_open(kVendor, kProduct, 0xff, 0, kBulk, nullptr), 0);
     EXPECT_EQ(bi_usb_blocking_write(text, 5, 1000), 5);
     EXPECT_THAT(sim::usb_device_state(board())->received, ElementsAre(Pair(1, "after")))
