@@ -5,8 +5,6 @@
 // past a caller's buffer.
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -19,9 +17,7 @@ namespace {
 
 void put_item(const vexa::sim::Board &board, int item, const std::string &bytes)
 {
-    const std::filesystem::path path = vexa::sim::partitions::vendor_item_path(board.root(), item);
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << bytes;
+    board.write_file(vexa::sim::partitions::vendor_item_path(item), bytes);
 }
 
 } // namespace

@@ -110,17 +110,6 @@ Board::State::~State()
     }
 }
 
-std::string Board::State::host_path(const std::string &board_path) const
-{
-    if (board_path.empty() || board_path[0] != '/')
-        return board_path;
-    // A path already below the root (a host path handed back in) stays as it is.
-    if (board_path.compare(0, root.size(), root) == 0 &&
-        (board_path.size() == root.size() || board_path[root.size()] == '/'))
-        return board_path;
-    return root + board_path;
-}
-
 std::shared_ptr<Board::State> attached()
 {
     {
@@ -286,9 +275,9 @@ std::string LogRecord::line() const
 // ---- DeviceModel defaults ----
 
 DeviceModel::~DeviceModel() = default;
-int DeviceModel::open(const std::string &host_path, int flags, mode_t mode)
+int DeviceModel::open(const Folder &folder, const std::string &board_path, int flags, mode_t mode)
 {
-    return ::open(host_path.c_str(), flags | O_CLOEXEC, mode);
+    return folder.open(board_path, flags, mode);
 }
 ssize_t DeviceModel::read(int fd, void *buf, size_t count) { return ::read(fd, buf, count); }
 ssize_t DeviceModel::write(int fd, const void *buf, size_t count) { return ::write(fd, buf, count); }
@@ -589,29 +578,35 @@ bool Board::should_leave() const
 bool Board::exists_state(const char *name) const { return fs::exists(state_->state_path(name)); }
 
 const std::string &Board::root() const { return state_->root; }
-std::string Board::host_path(const std::string &board_path) const { return state_->host_path(board_path); }
+std::string Board::host_path(const std::string &board_path) const
+{
+    const std::string normal = Folder::normal(board_path);
+    return normal == "/" ? state_->root : state_->root + normal;
+}
+
+Folder Board::folder() const { return state_->folder(); }
 
 bool Board::exists(const std::string &board_path) const
 {
-    std::error_code ec;
-    return fs::exists(host_path(board_path), ec);
+    struct stat st;
+    return state_->folder().stat(board_path, &st) == 0;
 }
 
 std::string Board::read_file(const std::string &board_path) const
 {
-    return read_host_file(host_path(board_path));
+    return state_->folder().read(board_path).value_or("");
 }
 
 void Board::write_file(const std::string &board_path, const std::string &contents) const
 {
-    write_host_file(host_path(board_path), contents);
+    if (state_->folder().write(board_path, contents) != 0)
+        throw std::system_error(errno, std::generic_category(), "cannot write " + board_path);
     file_written(*state_, board_path);
 }
 
 void Board::remove_file(const std::string &board_path) const
 {
-    std::error_code ec;
-    fs::remove_all(host_path(board_path), ec);
+    state_->folder().remove_all(board_path);
 }
 
 void Board::set_module_id(const std::string &text) const
@@ -987,7 +982,7 @@ void notify_file_watchers(Board::State &s, const std::string &board_path)
     }
     if (watchers.empty())
         return;
-    const std::string contents = read_host_file(s.host_path(board_path));
+    const std::string contents = s.folder().read(board_path).value_or("");
     for (auto &watch : watchers)
         watch(board_path, contents);
 }

@@ -1,7 +1,8 @@
 // The virtual board: a host implementation of the whole platform.
 //
-// A board is a directory. Every absolute path the library uses maps below it
-// ("/vendor/etc/product.ini" is ROOT/vendor/etc/product.ini); the board's own
+// A board is a directory. Every path the library uses is resolved beneath it
+// ("/vendor/etc/product.ini" is ROOT/vendor/etc/product.ini, and nothing
+// reaches outside it: sim/folder.h); the board's own
 // state (GPIO lines, properties, the log, the command journal, reboots) lives
 // in plain text files under ROOT/.board/, so separate processes that open the
 // same root see one board. Nodes that are not plain files are served by device
@@ -29,6 +30,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "sim/folder.h"
 
 namespace vexa::sim {
 
@@ -83,8 +86,9 @@ struct Fault {
 class DeviceModel {
 public:
     virtual ~DeviceModel();
-    // host_path is the node's place below the root.
-    virtual int open(const std::string &host_path, int flags, mode_t mode);
+    // The node's board path, and the board's folder that holds it; the
+    // default opens the file there (folder.open).
+    virtual int open(const Folder &folder, const std::string &board_path, int flags, mode_t mode);
     virtual ssize_t read(int fd, void *buf, size_t count);
     virtual ssize_t write(int fd, const void *buf, size_t count);
     virtual ssize_t pread(int fd, void *buf, size_t count, off_t offset);
@@ -235,10 +239,17 @@ public:
     Board &operator=(const Board &) = delete;
 
     const std::string &root() const;
-    // The host path of a board path: root + path for absolute paths.
+    // Where a board path lies in the folder, for a person or a test to look
+    // at from outside: the root joined with the path as the device reads it
+    // ("/a/../../b" is ROOT/b). It follows no link: the board's own calls
+    // reach files through folder().
     std::string host_path(const std::string &board_path) const;
+    // The board's folder: board paths resolved beneath the root
+    // (sim/folder.h).
+    Folder folder() const;
 
-    // Files, by board path.
+    // Files, by board path, resolved beneath the root (a write makes the
+    // folders above the file).
     bool exists(const std::string &board_path) const;
     std::string read_file(const std::string &board_path) const;
     void write_file(const std::string &board_path, const std::string &contents) const;

@@ -2,6 +2,9 @@
 // sysfs-style text files.
 #include "platform/hal.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -63,13 +66,21 @@ extern "C" int hal_sys_read(const char *path, char *buf, int size)
         errno = EINVAL;
         return -1;
     }
-    std::ifstream in(s.host_path(path), std::ios::binary);
-    if (!in) {
-        errno = ENOENT;
+    const vexa::sim::Descriptor fd(s.folder().open(path, O_RDONLY));
+    if (!fd)
         return -1;
+    int got = 0;
+    while (got < size) {
+        const ssize_t n = ::read(fd.get(), buf + got, static_cast<size_t>(size - got));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        got += static_cast<int>(n);
     }
-    in.read(buf, size);
-    return static_cast<int>(in.gcount());
+    return got;
 }
 
 extern "C" int hal_sys_write(const char *path, const char *text, int len)
@@ -80,15 +91,19 @@ extern "C" int hal_sys_write(const char *path, const char *text, int len)
         errno = EINVAL;
         return -1;
     }
-    std::ofstream out(s.host_path(path), std::ios::binary | std::ios::trunc);
-    if (!out) {
-        errno = ENOENT;
-        return -1;
+    {
+        const vexa::sim::Descriptor fd(s.folder().open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644));
+        if (!fd)
+            return -1;
+        for (int done = 0; done < len;) {
+            const ssize_t n = ::write(fd.get(), text + done, static_cast<size_t>(len - done));
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return -1;
+            done += static_cast<int>(n);
+        }
     }
-    out.write(text, len);
-    out.close();
-    if (!out)
-        return -1;
     vexa::sim::file_written(s, path);
     return len;
 }

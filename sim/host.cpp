@@ -280,10 +280,15 @@ void Host::watch(const std::string &board_path)
 {
     if (notify_fd_ < 0)
         return;
-    const fs::path host = s_.host_path(board_path);
-    std::error_code ec;
-    fs::create_directories(host.parent_path(), ec);
-    const int wd = ::inotify_add_watch(notify_fd_, host.parent_path().c_str(),
+    // The folder that holds the file, made when missing and watched through
+    // a descriptor of it, so that the watch stays inside the board.
+    const Folder folder = s_.folder();
+    const std::string dir = fs::path(Folder::normal(board_path)).parent_path().string();
+    folder.make_dirs(dir);
+    const Descriptor at(folder.open(dir, O_PATH | O_DIRECTORY));
+    if (!at)
+        return;
+    const int wd = ::inotify_add_watch(notify_fd_, descriptor_path(at.get()).c_str(),
                                        IN_CLOSE_WRITE | IN_MOVED_TO);
     if (wd < 0)
         return;
@@ -600,7 +605,7 @@ std::string Host::handle(Connection &connection, const std::string &request, int
         }
         if (!model)
             return out.i64(-1).i32(ENOENT).bytes();
-        const int fd = model->open(s_.host_path(path), flags, mode);
+        const int fd = model->open(s_.folder(), path, flags, mode);
         if (fd < 0)
             return out.i64(-1).i32(errno).bytes();
         const int64_t id = connection.next_handle++;

@@ -63,13 +63,11 @@ std::vector<std::string> split_words(const std::string &command)
 // cannot keep parity, and the kernel refuses (EINVAL) a parity setting that
 // changes nothing else, so each opener through the library starts from raw
 // 8N1, as the line stood when the host made it.
-void reset_board_pty(const std::string &host, int fd)
+void reset_board_pty(int fd)
 {
-    if (!::isatty(fd))
-        return;
-    char target[64];
-    const ssize_t n = ::readlink(host.c_str(), target, sizeof target - 1);
-    if (n <= 0 || std::string(target, static_cast<size_t>(n)).rfind("/dev/pts/", 0) != 0)
+    char name[64];
+    if (!::isatty(fd) || ::ttyname_r(fd, name, sizeof name) != 0 ||
+        std::string(name).rfind("/dev/pts/", 0) != 0)
         return;
     struct termios tio;
     if (::tcgetattr(fd, &tio) == 0) {
@@ -77,6 +75,28 @@ void reset_board_pty(const std::string &host, int fd)
         tio.c_cflag &= ~CLOCAL;
         ::tcsetattr(fd, TCSANOW, &tio);
     }
+}
+
+// open(2) flags of an fopen(3) mode; -1 for a mode fopen refuses.
+int fopen_flags(const char *mode)
+{
+    if (!mode)
+        return -1;
+    int flags;
+    switch (mode[0]) {
+    case 'r': flags = 0; break;
+    case 'w': flags = O_CREAT | O_TRUNC; break;
+    case 'a': flags = O_CREAT | O_APPEND; break;
+    default: return -1;
+    }
+    bool update = false;
+    for (const char *c = mode + 1; *c; ++c) {
+        if (*c == '+')
+            update = true;
+        else if (*c == 'x')
+            flags |= O_EXCL;
+    }
+    return flags | (update ? O_RDWR : mode[0] == 'r' ? O_RDONLY : O_WRONLY);
 }
 
 // The longest real wait of a poll with a fast clock: long enough for a model
@@ -119,6 +139,52 @@ CommandResult run_command(Board::State &s, const std::string &command)
     }
     // A command no area carries out is journaled and succeeds.
     return CommandResult{};
+}
+
+std::string mount_field(const std::string &text)
+{
+    std::string out;
+    for (char c : text) {
+        if (c == ' ' || c == '\t' || c == '\n' || c == '\\') {
+            char code[5];
+            std::snprintf(code, sizeof code, "\\%03o", static_cast<unsigned char>(c));
+            out += code;
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::vector<MountRecord> mount_records(const std::string &text)
+{
+    const auto octal = [](char c) { return c >= '0' && c <= '7'; };
+    const auto unescape = [&](const std::string &field) {
+        std::string out;
+        for (size_t i = 0; i < field.size(); ++i) {
+            if (field[i] == '\\' && i + 3 < field.size() && octal(field[i + 1]) && octal(field[i + 2]) &&
+                octal(field[i + 3])) {
+                out += static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 + (field[i + 3] - '0'));
+                i += 3;
+            } else {
+                out += field[i];
+            }
+        }
+        return out;
+    };
+    std::vector<MountRecord> records;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        std::string source, target, fstype, flags;
+        if (!(words >> source >> target))
+            continue;
+        words >> fstype >> flags;
+        records.push_back({unescape(source), unescape(target), unescape(fstype),
+                           std::strtoul(flags.c_str(), nullptr, 10)});
+    }
+    return records;
 }
 
 MountHandler mount_handler_of(Board::State &s, const std::string &source)
@@ -164,19 +230,18 @@ int open(const char *path, int flags, mode_t mode)
         if (it != s.models.end())
             model = it->second;
     }
-    const std::string host = s.host_path(board_path);
     int fd;
     if (model) {
-        fd = model->open(host, flags, mode);
+        fd = model->open(s.folder(), board_path, flags, mode);
     } else if (sim::HostLink *link = sim::link_here(s); link && link->offers_model(board_path)) {
         // The host's model serves it; the calls on the descriptor go there.
         fd = link->open(board_path, flags, mode, &model);
     } else {
-        fd = ::open(host.c_str(), flags | O_CLOEXEC, mode);
+        fd = s.folder().open(board_path, flags, mode);
     }
     if (fd >= 0) {
         if (!model)
-            reset_board_pty(host, fd);
+            reset_board_pty(fd);
         std::lock_guard<std::mutex> lock(s.mu);
         s.open_files[fd] = {board_path, model, (flags & O_ACCMODE) != O_RDONLY};
     }
@@ -293,7 +358,20 @@ FILE *fopen(const char *path, const char *mode)
 {
     VEXA_SIM_ATTACHED_OR(nullptr);
     VEXA_SIM_FAULT("fopen", str(path), FILE *);
-    FILE *f = ::fopen(s.host_path(str(path)).c_str(), mode);
+    const int flags = fopen_flags(mode);
+    if (flags < 0) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    const int fd = s.folder().open(str(path), flags, 0666);
+    if (fd < 0)
+        return nullptr;
+    FILE *f = ::fdopen(fd, mode);
+    if (!f) {
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+    }
     return f;
 }
 
@@ -301,7 +379,7 @@ int stat(const char *path, struct stat *st)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("stat", str(path), int);
-    return ::stat(s.host_path(str(path)).c_str(), st);
+    return s.folder().stat(str(path), st);
 }
 
 int access(const char *path, int mode)
@@ -316,68 +394,70 @@ int access(const char *path, int mode)
     }
     if (sim::HostLink *link = sim::link_here(s); link && link->offers_model(str(path)))
         return 0;
-    return ::access(s.host_path(str(path)).c_str(), mode);
+    return s.folder().access(str(path), mode);
 }
 
 DIR *opendir(const char *path)
 {
     VEXA_SIM_ATTACHED_OR(nullptr);
     VEXA_SIM_FAULT("opendir", str(path), DIR *);
-    return ::opendir(s.host_path(str(path)).c_str());
+    return s.folder().opendir(str(path));
 }
 
 int mkdir(const char *path, mode_t mode)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("mkdir", str(path), int);
-    return ::mkdir(s.host_path(str(path)).c_str(), mode);
+    return s.folder().mkdir(str(path), mode);
 }
 
 int remove(const char *path)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("remove", str(path), int);
-    return ::remove(s.host_path(str(path)).c_str());
+    return s.folder().remove(str(path));
 }
 
 int rename(const char *from, const char *to)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("rename", str(from), int);
-    return ::rename(s.host_path(str(from)).c_str(), s.host_path(str(to)).c_str());
+    return s.folder().rename(str(from), str(to));
 }
 
-// Mounts are recorded in ROOT/.board/mounts as "SOURCE TARGET FSTYPE FLAGS".
+// Mounts are recorded in ROOT/.board/mounts as "SOURCE TARGET FSTYPE FLAGS",
+// the paths as the device reads them ("/mnt/../data" is "/data") with space,
+// tab, newline and backslash written as /proc/mounts writes them (\040 ...).
 int mount(const char *source, const char *target, const char *fstype, unsigned long flags,
           const void *)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("mount", str(target), int);
-    std::error_code ec;
-    if (!source || !target || !fs::exists(s.host_path(source), ec)) {
-        errno = ENOENT;
+    if (!source || !target) {
+        errno = EFAULT;
         return -1;
     }
-    if (!fs::is_directory(s.host_path(target), ec)) {
+    const sim::Folder folder = s.folder();
+    const std::string src = sim::Folder::normal(source), dst = sim::Folder::normal(target);
+    struct stat st;
+    if (folder.stat(src, &st) != 0 || folder.stat(dst, &st) != 0)
+        return -1;
+    if (!S_ISDIR(st.st_mode)) {
         errno = ENOTDIR;
         return -1;
     }
     std::ostringstream line;
-    line << source << ' ' << target << ' ' << (fstype ? fstype : "none") << ' ' << flags;
+    line << sim::mount_field(src) << ' ' << sim::mount_field(dst) << ' '
+         << sim::mount_field(fstype ? fstype : "none") << ' ' << flags;
     return sim::with_board_lock(s, [&] {
         std::string mounts = sim::read_state(s, "mounts");
-        std::istringstream in(mounts);
-        std::string l;
-        while (std::getline(in, l)) {
-            std::istringstream words(l);
-            std::string src, dst;
-            words >> src >> dst;
-            if (dst == target) {
+        for (const auto &record : sim::mount_records(mounts)) {
+            if (record.target == dst) {
                 errno = EBUSY;
                 return -1;
             }
         }
-        if (auto handler = sim::mount_handler_of(s, source); handler && handler(source, target, true) != 0)
+        if (auto handler = sim::mount_handler_of(s, src); handler && handler(src, dst, true) != 0)
             return -1;
         sim::write_state(s, "mounts", mounts + line.str() + "\n");
         return 0;
@@ -388,20 +468,21 @@ int umount(const char *target)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("umount", str(target), int);
+    const std::string dst = sim::Folder::normal(str(target));
     return sim::with_board_lock(s, [&] {
         std::istringstream in(sim::read_state(s, "mounts"));
         std::string kept, l;
         bool found = false;
         while (std::getline(in, l)) {
-            std::istringstream words(l);
-            std::string src, dst;
-            words >> src >> dst;
-            if (dst == str(target) && !found) {
+            const auto record = sim::mount_records(l);
+            if (!found && target && !record.empty() && sim::Folder::normal(record[0].target) == dst) {
                 found = true;
-                if (auto handler = sim::mount_handler_of(s, src); handler && handler(src, dst, false) != 0)
+                if (auto handler = sim::mount_handler_of(s, record[0].source);
+                    handler && handler(record[0].source, dst, false) != 0)
                     return -1;
-            } else
+            } else {
                 kept += l + "\n";
+            }
         }
         if (!found) {
             errno = EINVAL;

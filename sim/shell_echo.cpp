@@ -1,9 +1,6 @@
 // The shell's echo on the board: "echo WORDS" prints them; "echo WORDS > PATH"
 // and ">> PATH" write them to a board file, whose watchers (models that
 // follow lines and registers kept as files) then see the new contents.
-#include <filesystem>
-#include <fstream>
-
 #include "sim/board.h"
 #include "sim/state.h"
 
@@ -49,17 +46,10 @@ VEXA_SIM_ATTACHER(shell_echo)
         const Echo echo = parse_echo(argv);
         if (echo.path.empty())
             return {0, echo.text + "\n"};
-        if (!s || echo.path.rfind("/", 0) != 0 || echo.path.find("..") != std::string::npos)
+        if (!s || echo.path.rfind("/", 0) != 0)
             return {1 << 8, ""};
-        const std::string host = s->host_path(echo.path);
-        std::error_code ec;
-        std::filesystem::create_directories(std::filesystem::path(host).parent_path(), ec);
-        {
-            std::ofstream out(host, echo.append ? std::ios::app : std::ios::trunc);
-            out << echo.text << "\n";
-            if (!out)
-                return {1 << 8, ""};
-        }
+        if (s->folder().write(echo.path, echo.text + "\n", echo.append) != 0)
+            return {1 << 8, ""};
         file_written(*s, echo.path);
         return {};
     });

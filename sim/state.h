@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "sim/board.h"
+#include "sim/folder.h"
 #include "sim/journal.h"
 
 namespace vexa::sim {
@@ -78,7 +79,8 @@ struct Board::State {
     ~State();
 
     std::string state_path(const char *name) const { return root + "/.board/" + name; }
-    std::string host_path(const std::string &board_path) const;
+    // Every board path is reached through the folder (sim/folder.h).
+    Folder folder() const { return Folder(root); }
 };
 
 // The attached board, or null when a board was attached and detached again
@@ -170,6 +172,16 @@ CommandResult run_command(Board::State &s, const std::string &command);
 // The handler a process uses for a mount of `source` (the host's, through
 // the link, in a client).
 MountHandler mount_handler_of(Board::State &s, const std::string &source);
+
+// Mount records (ROOT/.board/mounts): "SOURCE TARGET FSTYPE FLAGS", a field's
+// space, tab, newline and backslash written as /proc/mounts writes them
+// ("\040", "\011", "\012", "\134").
+struct MountRecord {
+    std::string source, target, fstype;
+    unsigned long flags = 0;
+};
+std::string mount_field(const std::string &text);
+std::vector<MountRecord> mount_records(const std::string &text);
 
 // Log records: "SEC.NSEC<TAB>PID<TAB>TID<TAB>PRIORITY<TAB>TAG<TAB>TEXT",
 // tag and text escaped (older boards: "PRIORITY<TAB>TAG<TAB>TEXT").

@@ -24,11 +24,12 @@ const char kAffinity[] = "affinity";
 
 long count_cores(const Board::State &s)
 {
-    std::error_code ec;
+    const Folder folder = s.folder();
+    const std::string dir = "/sys/devices/system/cpu";
     long count = 0;
     static const std::regex core("cpu[0-9]+");
-    for (const auto &entry : fs::directory_iterator(s.host_path("/sys/devices/system/cpu"), ec)) {
-        if (entry.is_directory(ec) && std::regex_match(entry.path().filename().string(), core))
+    for (const auto &name : folder.list(dir).value_or(std::vector<std::string>())) {
+        if (std::regex_match(name, core) && folder.is_directory(dir + "/" + name))
             ++count;
     }
     return count;

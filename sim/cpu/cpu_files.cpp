@@ -72,7 +72,10 @@ bool replace_contents(int fd, const std::string &text)
 // "NAME\n".
 class GovernorFile : public DeviceModel {
 public:
-    explicit GovernorFile(std::string available) : available_(std::move(available)) {}
+    GovernorFile(Folder folder, std::string available)
+        : folder_(std::move(folder)), available_(std::move(available))
+    {
+    }
 
     ssize_t write(int fd, const void *buf, size_t count) override
     {
@@ -91,7 +94,7 @@ public:
 private:
     bool offered(const std::string &name) const
     {
-        std::ifstream in(available_);
+        std::istringstream in(folder_.read(available_).value_or(""));
         std::string word;
         while (in >> word) {
             if (word == name)
@@ -100,7 +103,8 @@ private:
         return false;
     }
 
-    std::string available_; // host path of the policy's scaling_available_governors
+    Folder folder_;
+    std::string available_; // board path of the policy's scaling_available_governors
 };
 
 // A cpuset's tasks: each write adds one process (decimal text; 0 is the
@@ -108,9 +112,9 @@ private:
 class CpusetTasks : public DeviceModel {
 public:
     // Readable whatever the opener asked for: a write looks at the list.
-    int open(const std::string &host_path, int flags, mode_t mode) override
+    int open(const Folder &folder, const std::string &board_path, int flags, mode_t mode) override
     {
-        return ::open(host_path.c_str(), (flags & ~(O_ACCMODE | O_CREAT)) | O_RDWR | O_CLOEXEC, mode);
+        return folder.open(board_path, (flags & ~(O_ACCMODE | O_CREAT)) | O_RDWR, mode);
     }
 
     ssize_t write(int fd, const void *buf, size_t count) override
@@ -146,16 +150,16 @@ std::string policy_dir(int policy) { return std::string(kCpuDir) + "/cpufreq/pol
 
 void set_cpu_cores(const Board &board, const std::vector<int> &max_freq_khz)
 {
-    std::error_code ec;
+    const Folder folder = board.folder();
     static const std::regex core("cpu[0-9]+");
-    for (const auto &entry : fs::directory_iterator(board.host_path(kCpuDir), ec)) {
-        if (std::regex_match(entry.path().filename().string(), core))
-            fs::remove_all(entry.path(), ec);
+    for (const auto &name : folder.list(kCpuDir).value_or(std::vector<std::string>())) {
+        if (std::regex_match(name, core))
+            folder.remove_all(std::string(kCpuDir) + "/" + name);
     }
     for (size_t i = 0; i < max_freq_khz.size(); ++i) {
         const std::string dir = std::string(kCpuDir) + "/cpu" + std::to_string(i);
         if (max_freq_khz[i] < 0)
-            fs::create_directories(board.host_path(dir + "/cpufreq"), ec);
+            folder.make_dirs(dir + "/cpufreq");
         else
             board.write_file(dir + "/cpufreq/cpuinfo_max_freq", std::to_string(max_freq_khz[i]) + "\n");
     }
@@ -187,7 +191,7 @@ VEXA_SIM_ATTACHER(cpu)
     for (int policy = 0; policy < kPolicies; ++policy) {
         const std::string dir = policy_dir(policy);
         board.add_model(dir + "/scaling_governor",
-                        std::make_shared<GovernorFile>(board.host_path(dir + "/scaling_available_governors")));
+                        std::make_shared<GovernorFile>(board.folder(), dir + "/scaling_available_governors"));
     }
     board.add_model(kForegroundTasks, std::make_shared<CpusetTasks>());
 }

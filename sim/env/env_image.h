@@ -30,9 +30,9 @@ bool read_env_image(const std::string &partition, size_t offset, std::vector<std
 // The variables of the default board's environment.
 std::vector<std::string> default_env_entries();
 
-// Host directory holding the files of the ext4 file system on a block device
-// (board path); it exists once the device has been formatted.
-std::string fs_dir(const std::string &root, const std::string &device);
+// The board path of the folder holding the files of the ext4 file system on
+// a block device (board path); it exists once the device has been formatted.
+std::string fs_dir(const std::string &device);
 
 } // namespace vexa::sim::env
 

@@ -87,13 +87,13 @@ std::vector<std::string> default_env_entries()
             "vendor=rockchip"};
 }
 
-std::string fs_dir(const std::string &root, const std::string &device)
+std::string fs_dir(const std::string &device)
 {
-    std::string name = device;
+    std::string name = Folder::normal(device);
     for (char &c : name)
         if (c == '/')
             c = '_';
-    return root + "/.board/fs/" + name;
+    return "/.board/fs/" + name;
 }
 
 namespace {

@@ -34,7 +34,10 @@ public:
         : model_(std::move(model)), path_(std::move(path))
     {
     }
-    int open(const std::string &, int, mode_t) override { return ::open("/dev/null", O_RDWR | O_CLOEXEC); }
+    int open(const Folder &, const std::string &, int, mode_t) override
+    {
+        return ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    }
     // A read takes its request from the buffer (0B, the address) and fills
     // in the data, as the FPGA's SPI driver does.
     ssize_t read(int, void *buf, size_t count) override
@@ -66,7 +69,7 @@ private:
 class LoadNode : public DeviceModel {
 public:
     explicit LoadNode(std::shared_ptr<FpgaModel> model) : model_(std::move(model)) {}
-    int open(const std::string &, int flags, mode_t) override
+    int open(const Folder &, const std::string &, int flags, mode_t) override
     {
         if ((flags & O_ACCMODE) != O_RDONLY)
             model_->load_node_open();
@@ -92,9 +95,10 @@ private:
 class NorNode : public DeviceModel {
 public:
     explicit NorNode(std::shared_ptr<FpgaModel> model) : model_(std::move(model)) {}
-    int open(const std::string &, int flags, mode_t) override
+    int open(const Folder &folder, const std::string &board_path, int flags, mode_t) override
     {
-        return ::open(model_->flash_file().c_str(), (flags & ~(O_CREAT | O_TRUNC)) | O_CLOEXEC);
+        (void)board_path;
+        return folder.open(model_->flash_file(), flags & ~(O_CREAT | O_TRUNC));
     }
     ssize_t write(int fd, const void *buf, size_t count) override
     {
@@ -162,15 +166,13 @@ bool usable(const char *path) { return path && path[0] == '/' && !std::strstr(pa
 // A board file laid down without truncating what is there (a partition).
 void write_at(Board &board, const std::string &path, const std::string &bytes)
 {
-    const std::string host = board.host_path(path);
-    fs::create_directories(fs::path(host).parent_path());
-    const int fd = ::open(host.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return;
-    if (::pwrite(fd, bytes.data(), bytes.size(), 0) != ssize_t(bytes.size())) {
+    const Folder folder = board.folder();
+    const std::string at = Folder::normal(path);
+    folder.make_dirs(at.substr(0, at.rfind('/')));
+    const Descriptor fd(folder.open(path, O_WRONLY | O_CREAT, 0644));
+    if (fd && ::pwrite(fd.get(), bytes.data(), bytes.size(), 0) != ssize_t(bytes.size())) {
         // left as it is; the partition then holds no program
     }
-    ::close(fd);
 }
 
 std::string pattern(size_t n, uint8_t seed)
@@ -250,8 +252,9 @@ VEXA_SIM_ATTACHER(fpga)
     FpgaModel::Pins pins;
     std::set<std::string> spi_nodes = {"/dev/fpga_spi"}, load_nodes = {"/dev/fpga_load"};
     if (board.exists("/vendor/etc/product.ini")) {
+        const Descriptor ini(board.folder().open("/vendor/etc/product.ini", O_RDONLY));
         std::unique_ptr<dictionary, DictDeleter> dict(
-            iniparser_load(board.host_path("/vendor/etc/product.ini").c_str()));
+            ini ? iniparser_load(descriptor_path(ini.get()).c_str()) : nullptr);
         if (dict) {
             pins.control = iniparser_getint(dict.get(), "fpga:fpga_control_gpio", -1);
             pins.config = iniparser_getint(dict.get(), "fpga:fpga_config_gpio", -1);
@@ -263,7 +266,7 @@ VEXA_SIM_ATTACHER(fpga)
         }
     }
     if (board.exists("/.board"))
-        fs::create_directories(board.host_path("/.board/fpga"));
+        board.folder().make_dirs("/.board/fpga");
     auto model = std::make_shared<FpgaModel>(attached(), board.root(), pins, spi_nodes, load_nodes);
     {
         std::lock_guard<std::mutex> lock(g_mu);

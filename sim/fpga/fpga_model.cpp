@@ -44,20 +44,16 @@ constexpr uint64_t kBusNsPerByte = 800;
 // The record of transfers keeps the latest ones.
 constexpr size_t kRecordMax = 1u << 16;
 
-std::string read_host(const std::string &path)
+std::string read_host(const Folder &folder, const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return folder.read(path).value_or("");
 }
 
 // Writes a file of the board; its folder must exist (a board being taken
 // down gets no new folders).
-void write_host(const std::string &path, const std::string &contents)
+int write_host(const Folder &folder, const std::string &path, const std::string &contents)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << contents;
+    return folder.write(path, contents, false, false);
 }
 
 std::string trim(const std::string &s)
@@ -277,7 +273,7 @@ void FpgaModel::advance_bus(size_t bytes)
 void FpgaModel::restore()
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
-    std::istringstream in(read_host(root_ + kStateFile));
+    std::istringstream in(read_host(Folder(root_), kStateFile));
     std::map<std::string, std::string> values;
     std::string line;
     while (std::getline(in, line)) {
@@ -285,16 +281,16 @@ void FpgaModel::restore()
         if (eq != std::string::npos)
             values[line.substr(0, eq)] = line.substr(eq + 1);
     }
-    const std::string image = read_host(root_ + kProgramFile);
+    const std::string image = read_host(Folder(root_), kProgramFile);
     auto program = wire::valid_program(reinterpret_cast<const uint8_t *>(image.data()), image.size());
     configured_ = values["configured"] == "1" && program.has_value();
     if (configured_) {
         program_ = *program;
         wire::parse_tags(program_.data(), program_.size(), tag_.data());
     }
-    persisted_ = read_host(root_ + kStateFile);
+    persisted_ = read_host(Folder(root_), kStateFile);
     // The cards' registers: "PORT CARD ADDRESS HEXBYTES", a run of bytes a line.
-    std::istringstream cards(read_host(root_ + kCardsFile));
+    std::istringstream cards(read_host(Folder(root_), kCardsFile));
     while (std::getline(cards, line)) {
         std::istringstream words(line);
         int port = -1, card = -1;
@@ -311,8 +307,8 @@ void FpgaModel::restore()
     outputs_on_ = configured_ && values["outputs"] == "1";
     gmac_udp_ = values["gmac_udp"] == "1";
     ddr_ok_ = configured_ && values["ddr"] != "0";
-    phy_text_ = read_host(root_ + kPhyLinkFile);
-    const std::string reset = read_host(root_ + "/sys/class/vexagpios/RTL8211FS_RSTN/value");
+    phy_text_ = read_host(Folder(root_), kPhyLinkFile);
+    const std::string reset = read_host(Folder(root_), "/sys/class/vexagpios/RTL8211FS_RSTN/value");
     phy_in_reset_ = !reset.empty() && reset[0] == '0';
 }
 
@@ -323,11 +319,11 @@ void FpgaModel::persist()
         << "\ngmac_udp=" << gmac_udp_ << "\nddr=" << ddr_ok_ << "\n";
     if (out.str() != persisted_) {
         persisted_ = out.str();
-        write_host(root_ + kStateFile, persisted_);
+        write_host(Folder(root_), kStateFile, persisted_);
     }
     if (program_changed_) {
         program_changed_ = false;
-        write_host(root_ + kProgramFile, std::string(program_.begin(), program_.end()));
+        write_host(Folder(root_), kProgramFile, std::string(program_.begin(), program_.end()));
     }
 }
 
@@ -407,14 +403,17 @@ void FpgaModel::reset_fpga()
 void FpgaModel::configure_from_flash()
 {
     ensure_flash_locked();
-    std::ifstream in(root_ + "/dev/mtd0", std::ios::binary);
+    const Descriptor flash(Folder(root_).open("/dev/mtd0", O_RDONLY));
     std::vector<uint8_t> header(wire::kProgramHeaderSize);
-    in.read(reinterpret_cast<char *>(header.data()), std::streamsize(header.size()));
+    if (!flash || ::pread(flash.get(), header.data(), header.size(), 0) != ssize_t(header.size()))
+        header.assign(header.size(), 0xFF);
     const auto size = wire::header_number(header.data(), header.size(), "size");
     std::vector<uint8_t> image = header;
     if (size && *size <= kFlashSize - wire::kProgramHeaderSize) {
         image.resize(wire::kProgramHeaderSize + *size);
-        in.read(reinterpret_cast<char *>(image.data() + wire::kProgramHeaderSize), std::streamsize(*size));
+        if (::pread(flash.get(), image.data() + wire::kProgramHeaderSize, *size,
+                    off_t(wire::kProgramHeaderSize)) != ssize_t(*size))
+            image.resize(wire::kProgramHeaderSize);
     }
     configure(image, "flash");
 }
@@ -669,7 +668,7 @@ void FpgaModel::persist_cards() const
         }
         flush();
     }
-    write_host(root_ + kCardsFile, out.str());
+    write_host(Folder(root_), kCardsFile, out.str());
 }
 
 // ---- SPI ----
@@ -756,37 +755,35 @@ std::string FpgaModel::flash_file()
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
     ensure_flash_locked();
-    return root_ + "/dev/mtd0";
+    return "/dev/mtd0";
 }
 
 void FpgaModel::ensure_flash_locked()
 {
-    const std::string path = root_ + "/dev/mtd0";
-    std::error_code ec;
-    if (fs::exists(path, ec))
+    const Folder folder(root_);
+    if (folder.exists("/dev/mtd0"))
         return;
     // A new board's flash: erased, with the program it runs.
-    if (!fs::exists(root_ + "/.board", ec))
+    if (!folder.exists("/.board"))
         return;
-    fs::create_directories(root_ + "/dev", ec);
+    folder.make_dirs("/dev");
     std::string image(kFlashSize, char(0xFF));
     const std::string program = default_fpga_program(1);
     image.replace(0, program.size(), program);
-    write_host(path, image);
+    write_host(folder, "/dev/mtd0", image);
 }
 
 bool FpgaModel::flash_erase(size_t offset, size_t n)
 {
     if (offset % kEraseSize || n % kEraseSize || offset > kFlashSize || n > kFlashSize - offset)
         return false;
-    const int fd = ::open((root_ + "/dev/mtd0").c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0)
+    const Descriptor fd(Folder(root_).open("/dev/mtd0", O_WRONLY));
+    if (!fd)
         return false;
     const std::vector<uint8_t> erased(kEraseSize, 0xFF);
     bool ok = true;
     for (size_t at = offset; at < offset + n && ok; at += kEraseSize)
-        ok = ::pwrite(fd, erased.data(), erased.size(), off_t(at)) == ssize_t(erased.size());
-    ::close(fd);
+        ok = ::pwrite(fd.get(), erased.data(), erased.size(), off_t(at)) == ssize_t(erased.size());
     return ok;
 }
 
@@ -795,16 +792,15 @@ bool FpgaModel::flash_program(size_t offset, const uint8_t *data, size_t n, long
     if (offset > kFlashSize || n > kFlashSize - offset)
         return false;
     const size_t take = cut >= 0 && size_t(cut) < n ? size_t(cut) : n;
-    const int fd = ::open((root_ + "/dev/mtd0").c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0)
+    const Descriptor fd(Folder(root_).open("/dev/mtd0", O_RDWR));
+    if (!fd)
         return false;
     std::vector<uint8_t> cells(take);
-    bool ok = ::pread(fd, cells.data(), take, off_t(offset)) == ssize_t(take);
+    bool ok = ::pread(fd.get(), cells.data(), take, off_t(offset)) == ssize_t(take);
     // NOR: programming can only clear bits.
     for (size_t i = 0; ok && i < take; ++i)
         cells[i] &= data[i];
-    ok = ok && ::pwrite(fd, cells.data(), take, off_t(offset)) == ssize_t(take);
-    ::close(fd);
+    ok = ok && ::pwrite(fd.get(), cells.data(), take, off_t(offset)) == ssize_t(take);
     return ok && take == n;
 }
 
@@ -846,19 +842,22 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
         return {1 << 8, "open(): No such file or directory\n"};
     if (size_t(offset) > kFlashSize || size_t(len) > kFlashSize - size_t(offset))
         return {1 << 8, "read()/write(): Invalid argument\n"};
+    const Folder folder(root_);
     if (op == "read") {
-        std::vector<char> data(static_cast<size_t>(len));
-        std::ifstream in(root_ + "/dev/mtd0", std::ios::binary);
-        in.seekg(offset);
-        in.read(data.data(), len);
-        write_host(root_ + file, std::string(data.begin(), data.end()));
+        std::string data(static_cast<size_t>(len), '\0');
+        const Descriptor flash(folder.open("/dev/mtd0", O_RDONLY));
+        if (!flash || ::pread(flash.get(), data.data(), data.size(), off_t(offset)) != ssize_t(data.size()))
+            return {1 << 8, "read(): Input/output error\n"};
+        if (write_host(folder, file, data) != 0)
+            return {1 << 8, std::string("open(): ") + std::strerror(errno) + "\n"};
         std::snprintf(line, sizeof line, "Copied %lld bytes from address 0x%.8llx in flash to %s\n", len,
                       offset, file.c_str());
         return {0, line};
     }
-    const std::string source = read_host(root_ + file);
-    if (!fs::exists(root_ + file))
-        return {1 << 8, "open(): No such file or directory\n"};
+    const auto read = folder.read(file);
+    if (!read)
+        return {1 << 8, std::string("open(): ") + std::strerror(errno) + "\n"};
+    const std::string &source = *read;
     if (source.size() < size_t(len))
         return {1 << 8, "file_to_flash: short read\n"};
     if (!flash_program(size_t(offset), reinterpret_cast<const uint8_t *>(source.data()), size_t(len),
@@ -873,7 +872,7 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
 
 bool FpgaModel::driver_loaded() const
 {
-    std::istringstream in(read_host(root_ + kModules));
+    std::istringstream in(read_host(Folder(root_), kModules));
     std::string line;
     while (std::getline(in, line))
         if (line.compare(0, std::strlen(kMacDriver) + 1, std::string(kMacDriver) + " ") == 0)
@@ -892,7 +891,7 @@ void FpgaModel::sync_phy()
     const std::string text = link ? "0x907\n" : phy_in_reset_ ? "0x0\n" : "0x902\n";
     if (text != phy_text_) {
         phy_text_ = text;
-        write_host(root_ + kPhyLinkFile, text);
+        write_host(Folder(root_), kPhyLinkFile, text);
     }
 }
 
@@ -915,7 +914,7 @@ void FpgaModel::phy_reset_written(const std::string &contents)
         last = c;
     }
     if (last && contents != std::string(1, last) + "\n")
-        write_host(root_ + "/sys/class/vexagpios/RTL8211FS_RSTN/value", std::string(1, last) + "\n");
+        write_host(Folder(root_), "/sys/class/vexagpios/RTL8211FS_RSTN/value", std::string(1, last) + "\n");
     sync_phy();
     persist();
 }
@@ -948,18 +947,17 @@ CommandResult FpgaModel::insmod(const std::vector<std::string> &argv)
     if (argv.size() < 2)
         return {1 << 8, "Usage: insmod FILE [SYMBOL=VALUE]...\n"};
     const std::string &file = argv[1];
-    std::error_code ec;
-    if (file.empty() || file[0] != '/' || !fs::is_regular_file(root_ + file, ec))
+    if (file.empty() || file[0] != '/' || !Folder(root_).is_regular(file))
         return {1 << 8, "insmod: can't read '" + file + "': No such file or directory\n"};
     std::string name = fs::path(file).stem().string();
     std::replace(name.begin(), name.end(), '-', '_');
-    std::string modules = read_host(root_ + kModules);
+    std::string modules = read_host(Folder(root_), kModules);
     std::istringstream in(modules);
     std::string line;
     while (std::getline(in, line))
         if (line.compare(0, name.size() + 1, name + " ") == 0)
             return {1 << 8, "insmod: can't insert '" + file + "': File exists\n"};
-    write_host(root_ + kModules, modules + name + " 16384 0 - Live 0x0000000000000000\n");
+    write_host(Folder(root_), kModules, modules + name + " 16384 0 - Live 0x0000000000000000\n");
     sync_phy();
     return {};
 }

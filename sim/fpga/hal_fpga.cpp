@@ -58,12 +58,10 @@ bool read_program(vexa::sim::Board::State &s, const char *path, std::string *byt
         errno = ENOENT;
         return false;
     }
-    std::ifstream in(s.host_path(path), std::ios::binary);
-    if (!in) {
-        errno = ENOENT;
+    auto text = s.folder().read(path);
+    if (!text)
         return false;
-    }
-    bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    *bytes = std::move(*text);
     return true;
 }
 

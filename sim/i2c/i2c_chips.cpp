@@ -1,6 +1,8 @@
 // The I2C chips' model and the board's hal_i2c_reg_read/hal_i2c_reg_write.
 #include "sim/i2c/i2c_chips.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -198,7 +200,8 @@ VEXA_SIM_ATTACHER(i2c_chips)
 {
     RtcChip rtc;
     if (board.exists("/vendor/etc/product.ini")) {
-        if (dictionary *ini = iniparser_load(board.host_path("/vendor/etc/product.ini").c_str())) {
+        const Descriptor file(board.folder().open("/vendor/etc/product.ini", O_RDONLY));
+        if (dictionary *ini = file ? iniparser_load(descriptor_path(file.get()).c_str()) : nullptr) {
             rtc.bus = iniparser_getstring(ini, "i2c:i2c_rtc_0_path", "");
             rtc.addr = unsigned(iniparser_getint(ini, "i2c:i2c_rtc_0_device", 0)) & 0x7f;
             iniparser_freedict(ini);

@@ -42,8 +42,7 @@ template <typename Fn> Fn *find(const char *name)
 VEXA_ARCHIVE_CALL(struct archive *, archive_write_new, (void), (), nullptr)
 VEXA_ARCHIVE_CALL(int, archive_write_add_filter_gzip, (struct archive * a), (a), ARCHIVE_FATAL)
 VEXA_ARCHIVE_CALL(int, archive_write_set_format_gnutar, (struct archive * a), (a), ARCHIVE_FATAL)
-VEXA_ARCHIVE_CALL(int, archive_write_open_filename, (struct archive * a, const char *file), (a, file),
-                  ARCHIVE_FATAL)
+VEXA_ARCHIVE_CALL(int, archive_write_open_fd, (struct archive * a, int fd), (a, fd), ARCHIVE_FATAL)
 VEXA_ARCHIVE_CALL(int, archive_write_header, (struct archive * a, struct archive_entry *e), (a, e), ARCHIVE_FATAL)
 VEXA_ARCHIVE_CALL(la_ssize_t, archive_write_data, (struct archive * a, const void *buf, size_t len), (a, buf, len),
                   -1)

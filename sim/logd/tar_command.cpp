@@ -5,24 +5,24 @@
 // word with or without '-' ("-zcf", "zcf") or apart; f takes the rest of its
 // word or the next one. Only creating is carried out; anything else fails
 // with exit status 2, as do a missing path and an archive that cannot be
-// written. Absolute paths map below the board's root and cannot leave it.
-// libarchive is loaded when the first archive is written
-// (archive_on_demand.cpp).
+// written. Paths are resolved beneath the board's root (sim/folder.h): a
+// link is packed as a link, never followed, and one on the way that leads
+// out of the folder is refused. libarchive is loaded when the first archive
+// is written (archive_on_demand.cpp).
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "sim/board.h"
 
-namespace fs = std::filesystem;
 using vexa::sim::CommandResult;
 
 namespace {
@@ -104,117 +104,105 @@ struct EntryFree {
     void operator()(archive_entry *e) const { archive_entry_free(e); }
 };
 
-// A board path (absolute, or relative to "/") as a host path below root.
-std::string host_path(const std::string &root, const std::string &word)
+// A board path (absolute, or relative to "/") as the device reads it.
+std::string board_path(const std::string &word)
 {
-    const std::string absolute = word.empty() || word[0] != '/' ? "/" + word : word;
-    std::string normal = fs::path(absolute).lexically_normal().string();
-    while (normal.size() > 1 && normal.back() == '/')
-        normal.pop_back();
-    return normal == "/" ? root : root + normal;
+    return vexa::sim::Folder::normal(word);
 }
 
 class Packer {
 public:
-    Packer(std::string root, archive *out, std::string archive_host)
-        : root_(std::move(root)), out_(out), archive_host_(std::move(archive_host))
+    Packer(vexa::sim::Folder folder, archive *out, struct stat archive_st)
+        : folder_(std::move(folder)), out_(out), archive_st_(archive_st)
     {
     }
 
-    // Adds the file or tree at host path, named after its board path.
+    // Adds the file or tree at a board path, named after it.
     void add(const std::string &path, std::string *messages, bool *failed)
     {
         struct stat st {};
-        if (::lstat(path.c_str(), &st) != 0) {
-            *messages += "tar: " + board_name(path) + ": Cannot stat: No such file or directory\n";
+        if (folder_.stat(path, &st, false) != 0) {
+            *messages += "tar: " + member(path) + ": Cannot stat: " + std::strerror(errno) + "\n";
             *failed = true;
             return;
         }
-        if (path == archive_host_) {
-            *messages += "tar: " + board_name(path) + ": file is the archive; not dumped\n";
+        if (st.st_dev == archive_st_.st_dev && st.st_ino == archive_st_.st_ino) {
+            *messages += "tar: " + member(path) + ": file is the archive; not dumped\n";
             return;
         }
         if (S_ISSOCK(st.st_mode) || S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode)) {
-            *messages += "tar: " + board_name(path) + ": special file ignored\n";
+            *messages += "tar: " + member(path) + ": special file ignored\n";
             return;
         }
         std::unique_ptr<archive_entry, EntryFree> entry(archive_entry_new());
         archive_entry_copy_stat(entry.get(), &st);
-        archive_entry_set_pathname(entry.get(), board_name(path).c_str());
-        if (S_ISLNK(st.st_mode)) {
-            std::error_code ec;
-            archive_entry_set_symlink(entry.get(), fs::read_symlink(path, ec).c_str());
-        }
+        archive_entry_set_pathname(entry.get(), member(path).c_str());
+        if (S_ISLNK(st.st_mode))
+            archive_entry_set_symlink(entry.get(), folder_.read_link(path).value_or("").c_str());
         if (archive_write_header(out_, entry.get()) != ARCHIVE_OK) {
-            *messages += "tar: " + board_name(path) + ": " + archive_error_string(out_) + "\n";
+            *messages += "tar: " + member(path) + ": " + archive_error_string(out_) + "\n";
             *failed = true;
             return;
         }
         if (S_ISREG(st.st_mode) && !copy_data(path)) {
-            *messages += "tar: " + board_name(path) + ": Read error\n";
+            *messages += "tar: " + member(path) + ": Read error\n";
             *failed = true;
         }
         if (S_ISDIR(st.st_mode)) {
-            std::vector<std::string> children;
-            std::error_code ec;
-            for (const auto &child : fs::directory_iterator(path, ec))
-                children.push_back(child.path().string());
-            std::sort(children.begin(), children.end());
-            for (const auto &child : children)
-                add(child, messages, failed);
+            for (const auto &child : folder_.list(path).value_or(std::vector<std::string>()))
+                add(path == "/" ? "/" + child : path + "/" + child, messages, failed);
         }
     }
 
 private:
     // Member names drop the leading '/', as GNU tar's do.
-    std::string board_name(const std::string &path) const
-    {
-        return path.size() > root_.size() ? path.substr(root_.size() + 1) : ".";
-    }
+    static std::string member(const std::string &path) { return path == "/" ? "." : path.substr(1); }
 
     bool copy_data(const std::string &path)
     {
-        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0)
+        // A file is not opened through a link: one swapped in since the
+        // stat leaves the member short rather than reading elsewhere.
+        const vexa::sim::Descriptor fd(folder_.open(path, O_RDONLY | O_NOFOLLOW));
+        if (!fd)
             return false;
         char buf[16384];
         ssize_t n;
-        bool ok = true;
-        while ((n = ::read(fd, buf, sizeof buf)) > 0) {
-            if (archive_write_data(out_, buf, static_cast<size_t>(n)) < 0) {
-                ok = false;
-                break;
-            }
+        while ((n = ::read(fd.get(), buf, sizeof buf)) > 0) {
+            if (archive_write_data(out_, buf, static_cast<size_t>(n)) < 0)
+                return false;
         }
-        ::close(fd);
-        return ok && n >= 0;
+        return n >= 0;
     }
 
-    std::string root_;
+    vexa::sim::Folder folder_;
     archive *out_;
-    std::string archive_host_;
+    struct stat archive_st_;
 };
 
-CommandResult tar(const std::string &root, const std::vector<std::string> &argv)
+CommandResult tar(const vexa::sim::Folder &folder, const std::vector<std::string> &argv)
 {
     const TarArgs args = parse(argv);
     if (!args.error.empty())
         return {kFatal, args.error + "\n"};
-    const std::string archive_host = host_path(root, args.file);
+    const vexa::sim::Descriptor file(folder.open(board_path(args.file), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    struct stat archive_st {};
+    if (!file || ::fstat(file.get(), &archive_st) != 0)
+        return {kFatal, "tar (child): " + args.file + ": Cannot open: " + std::strerror(errno) +
+                            "\ntar: Error is not recoverable: exiting now\n"};
     std::unique_ptr<archive, ArchiveFree> out(archive_write_new());
     if (!out)
         return {kFatal, "tar: libarchive (Debian package libarchive13) cannot be loaded\n"};
     if (args.gzip)
         archive_write_add_filter_gzip(out.get());
     archive_write_set_format_gnutar(out.get());
-    if (archive_write_open_filename(out.get(), archive_host.c_str()) != ARCHIVE_OK)
+    if (archive_write_open_fd(out.get(), file.get()) != ARCHIVE_OK)
         return {kFatal, "tar (child): " + args.file + ": Cannot open: " +
                             archive_error_string(out.get()) + "\ntar: Error is not recoverable: exiting now\n"};
-    Packer packer(root, out.get(), archive_host);
+    Packer packer(folder, out.get(), archive_st);
     std::string messages;
     bool failed = false;
     for (const auto &path : args.paths)
-        packer.add(host_path(root, path), &messages, &failed);
+        packer.add(board_path(path), &messages, &failed);
     if (archive_write_close(out.get()) != ARCHIVE_OK) {
         messages += std::string("tar: ") + args.file + ": " + archive_error_string(out.get()) + "\n";
         failed = true;
@@ -228,8 +216,8 @@ CommandResult tar(const std::string &root, const std::vector<std::string> &argv)
 
 VEXA_SIM_ATTACHER(tar_command)
 {
-    const std::string root = board.root();
-    board.on_command("tar", [root](const std::vector<std::string> &argv, const std::string &) {
-        return tar(root, argv);
+    const vexa::sim::Folder folder = board.folder();
+    board.on_command("tar", [folder](const std::vector<std::string> &argv, const std::string &) {
+        return tar(folder, argv);
     });
 }

@@ -43,7 +43,7 @@ void save(const Board::State &s, const std::vector<NetInterface> &ifaces)
 
 bool carrier(const Board::State &s, const std::string &name)
 {
-    std::ifstream in(s.host_path("/sys/class/net/" + name + "/carrier"));
+    std::istringstream in(s.folder().read("/sys/class/net/" + name + "/carrier").value_or(""));
     int value = 0;
     return (in >> value) && value == 1;
 }

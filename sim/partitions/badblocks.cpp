@@ -1,25 +1,18 @@
 // The badblocks command: checks a device of the board and writes the blocks
 // it finds bad to the -o file. A device's bad blocks are listed, one number a
 // line, in the board file "<device>.badblocks" (none when it is missing).
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
 #include <sstream>
 
 #include "sim/board.h"
 
-namespace fs = std::filesystem;
-
 namespace vexa::sim::partitions {
 namespace {
 
-std::string read_host(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-CommandResult badblocks(const std::string &root, const std::vector<std::string> &argv)
+CommandResult badblocks(const Folder &folder, const std::vector<std::string> &argv)
 {
     std::string output_file, device;
     for (size_t i = 1; i < argv.size(); ++i) {
@@ -28,22 +21,21 @@ CommandResult badblocks(const std::string &root, const std::vector<std::string> 
         else if (!argv[i].empty() && argv[i][0] != '-')
             device = argv[i];
     }
-    std::error_code ec;
-    if (device.empty() || !fs::exists(root + device, ec)) {
+    struct stat st;
+    if (device.empty() || folder.stat(device, &st) != 0) {
         return {1 << 8, "badblocks: No such file or directory while trying to determine device "
                         "size\n"};
     }
-    const std::string bad = read_host(root + device + ".badblocks");
-    if (!output_file.empty()) {
-        fs::create_directories(fs::path(root + output_file).parent_path(), ec);
-        std::ofstream(root + output_file, std::ios::binary | std::ios::trunc) << bad;
-    }
+    const std::string bad = folder.read(device + ".badblocks").value_or("");
+    if (!output_file.empty() && folder.write(output_file, bad) != 0)
+        return {1 << 8, "badblocks: " + std::string(std::strerror(errno)) + " while trying to open " +
+                            output_file + "\n"};
     std::istringstream lines(bad);
     std::string line;
     int count = 0;
     while (std::getline(lines, line))
         count += line.empty() ? 0 : 1;
-    const auto blocks = fs::file_size(root + device, ec) / 1024;
+    const auto blocks = static_cast<unsigned long long>(st.st_size) / 1024;
     std::ostringstream out;
     out << "Checking blocks 0 to " << (blocks ? blocks - 1 : 0) << "\n"
         << "Checking for bad blocks (read-only test): done\n"
@@ -55,9 +47,9 @@ CommandResult badblocks(const std::string &root, const std::vector<std::string> 
 
 VEXA_SIM_ATTACHER(badblocks)
 {
-    const std::string root = board.root();
-    board.on_command("badblocks", [root](const std::vector<std::string> &argv,
-                                         const std::string &) { return badblocks(root, argv); });
+    const Folder folder = board.folder();
+    board.on_command("badblocks", [folder](const std::vector<std::string> &argv,
+                                           const std::string &) { return badblocks(folder, argv); });
 }
 
 } // namespace vexa::sim::partitions

@@ -28,23 +28,22 @@ void PageCache::lose_power(WriteBack order, size_t kept)
         else
             written_back.push_back(written_back.size() % 2 == 0 ? pages[lo++] : pages[--hi]);
     }
-    const int fd = ::open(host_path_.c_str(), O_WRONLY | O_CLOEXEC);
-    for (size_t i = kept; fd >= 0 && i < written_back.size(); ++i) {
+    const Descriptor fd(folder_.open(board_path_, O_WRONLY));
+    for (size_t i = kept; fd && i < written_back.size(); ++i) {
         const std::string &bytes = medium_[written_back[i]];
-        (void)!::pwrite(fd, bytes.data(), bytes.size(), written_back[i]);
+        (void)!::pwrite(fd.get(), bytes.data(), bytes.size(), written_back[i]);
     }
-    if (fd >= 0)
-        ::close(fd);
     medium_.clear();
 }
 
-int PageCache::open(const std::string &host_path, int flags, mode_t mode)
+int PageCache::open(const Folder &folder, const std::string &board_path, int flags, mode_t mode)
 {
     {
         std::lock_guard<std::mutex> lock(mu_);
-        host_path_ = host_path;
+        folder_ = folder;
+        board_path_ = board_path;
     }
-    return ::open(host_path.c_str(), flags | O_CLOEXEC, mode);
+    return folder.open(board_path, flags, mode);
 }
 
 void PageCache::keep_medium(off_t offset, size_t count)
@@ -52,20 +51,18 @@ void PageCache::keep_medium(off_t offset, size_t count)
     if (count == 0 || offset < 0)
         return;
     std::lock_guard<std::mutex> lock(mu_);
-    int medium = -1; // the file, read through a descriptor of our own
+    Descriptor medium; // the file, read through a descriptor of our own
     const off_t first = offset / kPageSize * kPageSize;
     for (off_t page = first; page < offset + static_cast<off_t>(count); page += kPageSize) {
         if (medium_.count(page))
             continue;
-        if (medium < 0)
-            medium = ::open(host_path_.c_str(), O_RDONLY | O_CLOEXEC);
+        if (!medium)
+            medium = Descriptor(folder_.open(board_path_, O_RDONLY));
         std::string bytes(kPageSize, '\0');
-        const ssize_t n = ::pread(medium, bytes.data(), kPageSize, page);
+        const ssize_t n = ::pread(medium.get(), bytes.data(), kPageSize, page);
         bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
         medium_[page] = std::move(bytes);
     }
-    if (medium >= 0)
-        ::close(medium);
 }
 
 ssize_t PageCache::write(int fd, const void *buf, size_t count)

@@ -40,7 +40,7 @@ public:
     // then clean.
     void lose_power(WriteBack order, size_t kept);
 
-    int open(const std::string &host_path, int flags, mode_t mode) override;
+    int open(const Folder &folder, const std::string &board_path, int flags, mode_t mode) override;
     ssize_t write(int fd, const void *buf, size_t count) override;
     ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset) override;
     int fsync(int fd) override;
@@ -51,7 +51,8 @@ private:
     void keep_medium(off_t offset, size_t count);
 
     mutable std::mutex mu_;
-    std::string host_path_;
+    Folder folder_;
+    std::string board_path_;
     std::map<off_t, std::string> medium_; // dirty page -> its bytes on the medium
 };
 

@@ -40,14 +40,12 @@ const std::vector<uint32_t> kDefaultTiming = {148500, 1920, 2008, 2052, 2200,
 // A sparse file of size bytes.
 void make_sparse(Board &board, const char *path, off_t size)
 {
-    const std::string host = board.host_path(path);
-    fs::create_directories(fs::path(host).parent_path());
-    const int fd = ::open(host.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
-    if (fd >= 0) {
-        if (::ftruncate(fd, size) != 0) {
-            // left as created; the partition then reads short
-        }
-        ::close(fd);
+    const Folder folder = board.folder();
+    const std::string at = Folder::normal(path);
+    folder.make_dirs(at.substr(0, at.rfind('/')));
+    const Descriptor fd(folder.open(path, O_CREAT | O_WRONLY, 0644));
+    if (fd && ::ftruncate(fd.get(), size) != 0) {
+        // left as created; the partition then reads short
     }
 }
 
@@ -121,9 +119,9 @@ std::string make_baseparameter(const std::vector<Connector> &connectors, size_t 
     return image;
 }
 
-std::string vendor_item_path(const std::string &root, int item)
+std::string vendor_item_path(int item)
 {
-    return root + "/.board/vendor_storage/" + std::to_string(item);
+    return "/.board/vendor_storage/" + std::to_string(item);
 }
 
 VEXA_SIM_SEEDER(partitions)
@@ -133,7 +131,7 @@ VEXA_SIM_SEEDER(partitions)
     make_sparse(board, kFpgaProgram, 16 << 20);
     board.write_file(kBaseparameter, make_baseparameter(default_connectors(), 1 << 20));
     board.write_file(kResolutionJson, kResolutionJsonText);
-    fs::create_directories(board.host_path("/sdcard"));
+    board.folder().make_dirs("/sdcard");
 }
 
 // The display section of the default product INI and the picture-quality
@@ -157,7 +155,7 @@ namespace {
 // Partitions under /dev/block have a fixed size, like the device.
 bool fixed_size(const std::string &path)
 {
-    return path.rfind("/dev/block/", 0) == 0;
+    return vexa::sim::Folder::normal(path).rfind("/dev/block/", 0) == 0;
 }
 
 } // namespace
@@ -170,11 +168,10 @@ extern "C" int hal_block_read(const char *path, uint32_t offset, void *buf, uint
         return -1;
     }
     VEXA_SIM_FAULT("hal_block_read", path, int);
-    const int fd = ::open(s.host_path(path).c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
+    const vexa::sim::Descriptor fd(s.folder().open(path, O_RDONLY));
+    if (!fd)
         return -1;
-    const ssize_t n = ::pread(fd, buf, len, offset);
-    ::close(fd);
+    const ssize_t n = ::pread(fd.get(), buf, len, offset);
     return n < 0 ? -1 : int(n);
 }
 
@@ -186,19 +183,15 @@ extern "C" int hal_block_write(const char *path, uint32_t offset, const void *bu
         return -1;
     }
     VEXA_SIM_FAULT("hal_block_write", path, int);
-    const std::string host = s.host_path(path);
     const bool fixed = fixed_size(path);
-    const int fd = ::open(host.c_str(), fixed ? O_WRONLY | O_CLOEXEC : O_WRONLY | O_CREAT | O_CLOEXEC,
-                          0644);
-    if (fd < 0)
+    const vexa::sim::Descriptor fd(s.folder().open(path, fixed ? O_WRONLY : O_WRONLY | O_CREAT, 0644));
+    if (!fd)
         return -1;
     struct stat st {};
-    if (fixed && (::fstat(fd, &st) != 0 || uint64_t(offset) + len > uint64_t(st.st_size))) {
-        ::close(fd);
+    if (fixed && (::fstat(fd.get(), &st) != 0 || uint64_t(offset) + len > uint64_t(st.st_size))) {
         errno = ENOSPC;
         return -1;
     }
-    const ssize_t n = ::pwrite(fd, buf, len, offset);
-    ::close(fd);
+    const ssize_t n = ::pwrite(fd.get(), buf, len, offset);
     return n < 0 ? -1 : int(n);
 }

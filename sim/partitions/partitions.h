@@ -36,8 +36,8 @@ std::string make_baseparameter(const std::vector<Connector> &connectors, size_t 
 // The default board's connectors: HDMI-A 0 at 4096, DP 0 at 45056.
 std::vector<Connector> default_connectors();
 
-// The vendor-storage store of a board root: one file per item.
-std::string vendor_item_path(const std::string &root, int item);
+// The vendor-storage store: one file per item, under this board path.
+std::string vendor_item_path(int item);
 
 } // namespace vexa::sim::partitions
 

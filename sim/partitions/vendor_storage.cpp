@@ -35,34 +35,29 @@ std::mutex store_mu;
 bool load_item(const std::string &root, int item, std::string *bytes)
 {
     std::lock_guard<std::mutex> lock(store_mu);
-    std::ifstream in(vendor_item_path(root, item), std::ios::binary);
-    if (!in)
+    auto text = Folder(root).read(vendor_item_path(item));
+    if (!text)
         return false;
-    bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    *bytes = std::move(*text);
     return true;
 }
 
 bool store_item(const std::string &root, int item, const void *data, size_t len)
 {
     std::lock_guard<std::mutex> lock(store_mu);
-    const std::string path = vendor_item_path(root, item);
-    std::error_code ec;
-    fs::create_directories(fs::path(path).parent_path(), ec);
+    const Folder folder(root);
+    const std::string path = vendor_item_path(item);
     const std::string tmp = path + ".new";
-    {
-        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-        if (!out.write(static_cast<const char *>(data), std::streamsize(len)))
-            return false;
-    }
-    fs::rename(tmp, path, ec);
-    return !ec;
+    if (folder.write(tmp, std::string(static_cast<const char *>(data), len)) != 0)
+        return false;
+    return folder.rename(tmp, path) == 0;
 }
 
 class VendorStorageNode : public DeviceModel {
 public:
     explicit VendorStorageNode(std::string root) : root_(std::move(root)) {}
 
-    int open(const std::string &, int, mode_t) override
+    int open(const Folder &, const std::string &, int, mode_t) override
     {
         return ::open("/dev/null", O_RDWR | O_CLOEXEC);
     }

@@ -44,7 +44,7 @@ void save(const Board::State &s, const char *file, const Values &v)
 bool node_exists(const Board::State &s, const std::string &dev)
 {
     return !dev.empty() && dev[0] == '/' && dev.find("..") == std::string::npos &&
-           ::access(s.host_path(dev).c_str(), F_OK) == 0;
+           s.folder().access(dev, F_OK) == 0;
 }
 
 // "set DEV KEY VALUE" -> "ok"; "get DEV KEY" -> "ok VALUE"; "add DEV KEY N";

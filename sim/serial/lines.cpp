@@ -34,10 +34,9 @@ namespace {
 // 32 KiB stay, written anew and renamed over the old file).
 class Capture {
 public:
-    explicit Capture(std::string host_path) : path_(std::move(host_path))
+    Capture(Folder folder, std::string board_path) : folder_(std::move(folder)), path_(std::move(board_path))
     {
-        std::error_code ec;
-        std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
+        folder_.make_dirs(path_.substr(0, path_.rfind('/')));
         write_whole();
     }
     void append(const char *data, size_t n)
@@ -48,11 +47,9 @@ public:
             write_whole();
             return;
         }
-        const int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0)
-            return;
-        (void)!::write(fd, data, n);
-        ::close(fd);
+        const Descriptor fd(folder_.open(path_, O_WRONLY | O_APPEND | O_CREAT, 0644));
+        if (fd)
+            (void)!::write(fd.get(), data, n);
     }
 
 private:
@@ -60,13 +57,10 @@ private:
     void write_whole()
     {
         const std::string temp = path_ + ".new";
-        const int fd = ::open(temp.c_str(), O_WRONLY | O_TRUNC | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0)
-            return;
-        (void)!::write(fd, kept_.data(), kept_.size());
-        ::close(fd);
-        ::rename(temp.c_str(), path_.c_str());
+        if (folder_.write(temp, kept_, false, false) == 0)
+            folder_.rename(temp, path_);
     }
+    Folder folder_;
     std::string path_;
     std::string kept_;
 };
@@ -82,7 +76,7 @@ public:
         if (lines_.empty() || ::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
             return;
         for (auto &line : lines_) {
-            auto capture = std::make_shared<Capture>(root + serial_output_path(line->board_path()));
+            auto capture = std::make_shared<Capture>(Folder(root), serial_output_path(line->board_path()));
             pipes_.push_back({line->board_master(), line->far_master(), {}, capture});
             pipes_.push_back({line->far_master(), line->board_master(), {}, nullptr});
         }
@@ -152,7 +146,7 @@ private:
 };
 
 struct Lines {
-    std::string root;
+    Folder folder;
     std::map<std::string, std::shared_ptr<SerialLine>> by_path;
     std::shared_ptr<McuModel> mcu;
     std::unique_ptr<Bridge> bridge;
@@ -164,17 +158,11 @@ struct Lines {
         // The links lead nowhere once the ptys close: take them away, unless
         // they lead to another host's pty by now.
         for (auto &[path, line] : by_path) {
-            const std::string host = root + path;
-            char target[256];
-            const ssize_t n = ::readlink(host.c_str(), target, sizeof target - 1);
-            if (n > 0 && std::string(target, static_cast<size_t>(n)) == line->pty_path())
-                ::unlink(host.c_str());
+            if (folder.read_link(path) == line->pty_path())
+                folder.remove(path);
         }
-        std::ifstream in(root + "/.board/lines");
-        std::stringstream text;
-        text << in.rdbuf();
-        if (text.str() == record)
-            ::unlink((root + "/.board/lines").c_str());
+        if (folder.read("/.board/lines") == record)
+            folder.remove("/.board/lines");
     }
 };
 
@@ -247,19 +235,19 @@ std::set<std::string> linked_before(const Board &board)
 
 // A symbolic link that no host made: a node of the host machine (a
 // USB-serial adapter, another program's pty), used as it is.
-bool host_node(const std::string &host, const std::set<std::string> &ours, const std::string &path)
+bool host_node(const Folder &folder, const std::set<std::string> &ours, const std::string &path)
 {
     struct stat st;
-    return ::lstat(host.c_str(), &st) == 0 && S_ISLNK(st.st_mode) && !ours.count(path);
+    return folder.stat(path, &st, false) == 0 && S_ISLNK(st.st_mode) && !ours.count(path);
 }
 
 // Leads the board path to the line's board side.
-void link_line(const std::string &host, const SerialLine &line)
+void link_line(const Folder &folder, const std::string &path, const SerialLine &line)
 {
-    std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(host).parent_path(), ec);
-    std::filesystem::remove(host, ec);
-    std::filesystem::create_symlink(line.pty_path(), host, ec);
+    const std::string at = Folder::normal(path);
+    folder.make_dirs(at.substr(0, at.rfind('/')));
+    folder.remove(path);
+    folder.symlink(line.pty_path(), path);
 }
 
 } // namespace
@@ -383,16 +371,18 @@ VEXA_SIM_ATTACHER(serial_lines)
 {
     if (!board.exists("/vendor/etc/product.ini"))
         return;
-    std::unique_ptr<dictionary, DictDeleter> dict(
-        iniparser_load(board.host_path("/vendor/etc/product.ini").c_str()));
+    const Folder folder = board.folder();
+    const Descriptor ini(folder.open("/vendor/etc/product.ini", O_RDONLY));
+    std::unique_ptr<dictionary, DictDeleter> dict(ini ? iniparser_load(descriptor_path(ini.get()).c_str())
+                                                      : nullptr);
     if (!dict)
         return;
     auto lines = std::make_shared<Lines>();
-    lines->root = board.root();
+    lines->folder = folder;
     const std::set<std::string> ours = linked_before(board);
     const char *mcu_path = iniparser_getstring(dict.get(), "mcu:mcu_uart_path", nullptr);
-    if (usable(mcu_path) && !host_node(board.host_path(mcu_path), ours, mcu_path)) {
-        lines->mcu = std::make_shared<McuModel>(mcu_path, board.root() + "/.board/mcu-flash.bin");
+    if (usable(mcu_path) && !host_node(folder, ours, mcu_path)) {
+        lines->mcu = std::make_shared<McuModel>(mcu_path, folder, "/.board/mcu-flash.bin");
         lines->by_path[mcu_path] = lines->mcu;
         lines->mcu->set_watchdog_line(iniparser_getint(dict.get(), "mcu_wdt:mcu_wdt_switch", -1));
         if (const char *version = iniparser_getstring(dict.get(), "mcu:mcu_fw_version", nullptr))
@@ -405,14 +395,14 @@ VEXA_SIM_ATTACHER(serial_lines)
     std::vector<std::shared_ptr<SerialLine>> plain;
     for (const char *key : kSerialKeys) {
         const char *path = iniparser_getstring(dict.get(), key, nullptr);
-        if (!usable(path) || lines->by_path.count(path) || host_node(board.host_path(path), ours, path))
+        if (!usable(path) || lines->by_path.count(path) || host_node(folder, ours, path))
             continue;
         auto line = std::make_shared<SerialLine>(path, true);
         lines->by_path[path] = line;
         plain.push_back(line);
     }
     for (auto &[path, line] : lines->by_path) {
-        link_line(board.host_path(path), *line);
+        link_line(folder, path, *line);
         lines->record += path + ' ' + line->pty_path() + ' ' + line->outside_path() + ' ' +
                          (line == lines->mcu ? "mcu-model" : "far-end") + '\n';
     }

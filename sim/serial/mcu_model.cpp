@@ -49,8 +49,8 @@ uint8_t xor_of(const uint8_t *p, size_t n)
 
 } // namespace
 
-McuModel::McuModel(std::string board_path, std::string flash_file)
-    : SerialLine(std::move(board_path)), flash_file_(std::move(flash_file))
+McuModel::McuModel(std::string board_path, Folder folder, std::string flash_file)
+    : SerialLine(std::move(board_path)), folder_(std::move(folder)), flash_file_(std::move(flash_file))
 {
     load_flash();
     restart();
@@ -540,9 +540,10 @@ void McuModel::restart()
 void McuModel::load_flash()
 {
     flash_.assign(kFlashSize, 0xFF);
-    std::ifstream in(flash_file_, std::ios::binary);
-    if (in)
-        in.read(reinterpret_cast<char *>(flash_.data()), kFlashSize);
+    const Descriptor in(folder_.open(flash_file_, O_RDONLY));
+    if (in && ::pread(in.get(), flash_.data(), kFlashSize, 0) < 0) {
+        // an unreadable flash reads erased
+    }
 }
 
 void McuModel::store_flash(uint32_t offset, uint32_t length)
@@ -551,7 +552,7 @@ void McuModel::store_flash(uint32_t offset, uint32_t length)
     // and the board's watchers see no file closed after writing on every
     // block.
     if (flash_fd_ < 0) {
-        flash_fd_ = ::open(flash_file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        flash_fd_ = folder_.open(flash_file_, O_RDWR | O_CREAT, 0644);
         if (flash_fd_ < 0)
             return;
         struct stat st;

@@ -49,8 +49,8 @@ public:
     static constexpr uint32_t kFlashBase = 0x08000000u;
     static constexpr uint32_t kFlashSize = 1u << 20;
 
-    // flash_file: host path of the persisted flash.
-    McuModel(std::string board_path, std::string flash_file);
+    // flash_file: board path of the persisted flash, in folder.
+    McuModel(std::string board_path, Folder folder, std::string flash_file);
     ~McuModel() override;
 
     enum class Mode { application, reset, bootloader };
@@ -164,6 +164,7 @@ private:
     void erase_page(uint16_t page);
 
     mutable std::mutex mu_;
+    Folder folder_;
     std::string flash_file_;
     std::vector<uint8_t> flash_;
     int flash_fd_ = -1; // the flash file, open from the first store on

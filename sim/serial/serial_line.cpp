@@ -31,7 +31,7 @@ SerialLine::SerialLine(std::string board_path, bool far_end) : board_path_(std::
 
 SerialLine::~SerialLine() = default;
 
-int SerialLine::open(const std::string &, int flags, mode_t)
+int SerialLine::open(const Folder &, const std::string &, int flags, mode_t)
 {
     pty_.reset_line();
     return ::open(pty_.slave_path().c_str(), flags | O_NOCTTY | O_CLOEXEC);

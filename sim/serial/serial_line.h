@@ -54,7 +54,7 @@ public:
     // Raw 8N1 again (see Pty::reset_line).
     void reset_line();
 
-    int open(const std::string &host_path, int flags, mode_t mode) override;
+    int open(const Folder &folder, const std::string &board_path, int flags, mode_t mode) override;
     int ioctl(int fd, unsigned long request, void *arg) override;
 
     // The pty masters the host's bridge joins (-1 for a line without far end).

@@ -1,5 +1,6 @@
 // The board's information and process calls: hal_info_*, show_clock, df and
 // the process table.
+#include <fcntl.h>
 #include <sys/statvfs.h>
 
 #include <cerrno>
@@ -148,7 +149,7 @@ extern "C" int hal_info_get_cpu_state(bi_cpu_state_t *state)
         return -1;
     }
     std::memset(state, 0, sizeof *state);
-    std::ifstream temp(s.host_path("/sys/class/thermal/thermal_zone0/temp"));
+    std::istringstream temp(s.folder().read("/sys/class/thermal/thermal_zone0/temp").value_or(""));
     if (!(temp >> state->temperature)) {
         errno = ENOENT;
         return -1;
@@ -196,23 +197,18 @@ extern "C" struct hal_filesystem_info *df(const char *mount_point)
             words >> w;
         table.push_back(f);
     }
-    for (const auto &line : state_lines(read_state(s, "mounts"))) {
-        std::istringstream words(line);
-        std::string src, dst, type, flags;
-        words >> src >> dst >> type >> flags;
-        table.push_back({src, dst, type, (std::strtoul(flags.c_str(), nullptr, 10) & 1) ? "ro" : "rw",
-                         "0", "0"});
-    }
+    for (const auto &m : mount_records(read_state(s, "mounts")))
+        table.push_back({m.source, m.target, m.fstype, (m.flags & 1) ? "ro" : "rw", "0", "0"});
     hal_filesystem_info *head = nullptr;
     int32_t index = 0;
     for (const auto &f : table) {
         if (mount_point && f[1] != mount_point)
             continue;
         struct statvfs st {};
-        std::error_code ec;
-        const std::string host = s.host_path(f[1]);
-        std::filesystem::create_directories(host, ec);
-        if (::statvfs(host.c_str(), &st) != 0)
+        const Folder folder = s.folder();
+        folder.make_dirs(f[1]);
+        const Descriptor at(folder.open(f[1], O_PATH | O_DIRECTORY));
+        if (!at || ::fstatvfs(at.get(), &st) != 0)
             continue;
         auto *node = static_cast<hal_filesystem_info *>(std::calloc(1, sizeof(hal_filesystem_info)));
         if (!node)

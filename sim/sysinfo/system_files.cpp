@@ -119,18 +119,16 @@ VEXA_SIM_ATTACHER(system_files)
         int status = 0;
         for (size_t i = 1; i < stages[0].size(); ++i) {
             const std::string &path = stages[0][i];
-            if (path.empty() || path[0] != '/' || path.find("..") != std::string::npos) {
+            if (path.empty() || path[0] != '/') {
                 status = 1 << 8;
                 continue;
             }
-            std::ifstream in(s->host_path(path), std::ios::binary);
-            if (!in) {
+            const auto contents = s->folder().read(path);
+            if (!contents) {
                 status = 1 << 8;
                 continue;
             }
-            std::ostringstream all;
-            all << in.rdbuf();
-            text += all.str();
+            text += *contents;
         }
         const auto out = run_filters(text, stages);
         if (!out)

@@ -119,6 +119,12 @@ try:
     check("-q and -v together are refused", (2, "", "vexactl status: --quiet and --verbose do not go together"),
           (code, out, err.split("\n")[0]))
 
+    # Standard output closed: what a command prints cannot go anywhere else.
+    p = subprocess.run([vexactl, "--board", board, "status"], stdout=subprocess.DEVNULL, capture_output=False,
+                       stderr=subprocess.PIPE, timeout=120, preexec_fn=lambda: os.close(1))
+    check("status with standard output closed fails", (1, "vexactl: cannot write standard output\n"),
+          (p.returncode, p.stderr.decode()))
+
     # The library's printed text: off the terminal, on standard error with -v.
     fresh = os.path.join(top, "fresh")
     nothing = "no backup yet: the reserve partition has no flag file\n"

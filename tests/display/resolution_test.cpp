@@ -32,10 +32,8 @@ class ResolutionTest : public DisplayTest {
 protected:
     std::string item(int n)
     {
-        const std::string path = parts::vendor_item_path(board().root(), n);
-        const std::string prefix = board().root();
-        return board().exists(path.substr(prefix.size())) ? board().read_file(path.substr(prefix.size()))
-                                                          : std::string();
+        const std::string path = parts::vendor_item_path(n);
+        return board().exists(path) ? board().read_file(path) : std::string();
     }
     std::string baseparameter() { return board().read_file(parts::kBaseparameter); }
     std::string block_at(size_t offset) { return baseparameter().substr(offset, DISP_INFO_SIZE); }

@@ -180,6 +180,12 @@ def main():
     with View(vexactl) as view:
         assert view.url.startswith("http://127.0.0.1:"), view.url
         check_token_and_headers(view)
+        # A port another server holds is a clear failure, not a hang.
+        port = view.base.rsplit(":", 1)[1]
+        taken = view.ctl("board", "view", "--port", port, check=False)
+        assert taken.returncode == 1 and taken.stdout == "", taken
+        assert taken.stderr == "vexactl: cannot listen on 127.0.0.1 port %s: Address already in use\n" % port, \
+            taken.stderr
         check_refusals_change_nothing(view)
         check_requests_act(view)
         check_page_limit(view)

@@ -1,8 +1,10 @@
 // logd: the log daemon's configuration, and compressing and clearing its
 // log directory.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -87,13 +89,7 @@ int set_config(Context &ctx, const std::vector<std::string> &assignments)
 // The entries of a board folder, sorted; nothing when it cannot be read.
 std::vector<std::string> entries(Context &ctx, const std::string &dir)
 {
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (auto it = fs::directory_iterator(ctx.board().host_path(dir), ec); !ec && it != fs::directory_iterator();
-         it.increment(ec))
-        names.push_back(it->path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
+    return ctx.board().folder().list(dir).value_or(std::vector<std::string>());
 }
 
 std::string quoted_list(const std::vector<std::string> &names)
@@ -114,24 +110,20 @@ std::string quoted_list(const std::vector<std::string> &names)
 int compress(Context &ctx, const std::string &dir, const std::string &archive)
 {
     vexa::sim::Board &board = ctx.board();
+    const vexa::sim::Folder folder = board.folder();
     const bool to_stdout = archive == "-";
-    if (!dir.empty() && dir[0] == '/' && !fs::is_directory(board.host_path(dir)))
+    if (!dir.empty() && dir[0] == '/' && !folder.is_directory(dir))
         return fail("the board has no folder %s: nothing was compressed", dir.c_str());
     const std::string tag = "vexactl-" + std::to_string(::getpid());
     std::string target;
     if (to_stdout) {
-        std::error_code ec;
-        fs::create_directories(board.host_path("/data/local/tmp"), ec);
+        folder.make_dirs("/data/local/tmp");
         target = "/data/local/tmp/" + tag + ".tgz";
     } else {
         const size_t slash = archive.rfind('/');
         target = archive.substr(0, slash + 1) + "." + archive.substr(slash + 1) + "." + tag;
     }
-    const std::string host_target = board.host_path(target);
-    auto discard = [&] {
-        std::error_code ec;
-        fs::remove(host_target, ec);
-    };
+    auto discard = [&] { folder.remove(target); };
     if (dir == "/syslog/logs")
         say(ctx, "telling the video and display tools to stop (2 s)...");
     ErrorWatch watch(board, "vexa_system_bi_vexa_logd");
@@ -139,9 +131,8 @@ int compress(Context &ctx, const std::string &dir, const std::string &archive)
     {
         Progress bar(ctx, "compress", 0, "bytes");
         bar.follow([&] {
-            std::error_code ec;
-            const auto size = fs::file_size(host_target, ec);
-            return ec ? uint64_t{0} : static_cast<uint64_t>(size);
+            struct stat st;
+            return folder.stat(target, &st) == 0 ? static_cast<uint64_t>(st.st_size) : uint64_t{0};
         });
         rc = bi_vexa_logd_compress(dir.c_str(), target.c_str());
     }
@@ -162,11 +153,10 @@ int compress(Context &ctx, const std::string &dir, const std::string &archive)
         discard();
         return write_output(ctx, "-", bytes) ? 0 : 1;
     }
-    std::error_code ec;
-    fs::rename(host_target, board.host_path(archive), ec);
-    if (ec) {
+    if (folder.rename(target, archive) != 0) {
+        const int error = errno;
         discard();
-        return fail("cannot name the archive %s: %s", archive.c_str(), ec.message().c_str());
+        return fail("cannot name the archive %s: %s", archive.c_str(), std::strerror(error));
     }
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();

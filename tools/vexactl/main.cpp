@@ -37,9 +37,6 @@ FILE *take_standard_streams()
             g_err = err;
         }
     }
-    // With standard output closed, what the command prints cannot be
-    // written: /dev/full makes that a failure the exit code shows.
-    FILE *out = g_out_fd >= 0 ? ::fdopen(g_out_fd, "w") : std::fopen("/dev/full", "we");
     const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (null >= 0) {
         ::dup2(null, STDOUT_FILENO);
@@ -47,6 +44,10 @@ FILE *take_standard_streams()
         if (null > STDERR_FILENO)
             ::close(null);
     }
+    // With standard output closed, what the command prints cannot be
+    // written: /dev/full (opened now that descriptors 1 and 2 are taken)
+    // makes that a failure the exit code shows.
+    FILE *out = g_out_fd >= 0 ? ::fdopen(g_out_fd, "w") : std::fopen("/dev/full", "we");
     return out ? out : stdout;
 }
 
@@ -219,7 +220,10 @@ int main(int argc, char **argv)
     } catch (const std::exception &e) {
         status = fail("%s", e.what());
     }
-    const bool out_failed = std::fflush(ctx.out) != 0 || std::fflush(ctx.std_out) != 0;
+    // A write that failed before the last flush leaves the stream's error
+    // mark: that is a failure too.
+    const bool out_failed = std::fflush(ctx.out) != 0 || std::ferror(ctx.out) || std::fflush(ctx.std_out) != 0 ||
+                            std::ferror(ctx.std_out);
     if (out_failed && status == 0)
         status = fail("cannot write standard output");
     return status;

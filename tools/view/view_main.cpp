@@ -8,6 +8,7 @@
 //
 // The first line of standard output is the page's address with its token.
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/random.h>
 #include <unistd.h>
 
@@ -372,6 +373,12 @@ int main(int argc, char **argv)
         View view(board, new_token());
         view.start();
         httplib::Server server;
+        // The library's default would share the port (SO_REUSEPORT) with
+        // another server that asks for it: a port in use is refused here.
+        server.set_socket_options([](int sock) {
+            const int yes = 1;
+            ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        });
         int port = options.port;
         if (port == 0)
             port = server.bind_to_any_port(options.listen);
