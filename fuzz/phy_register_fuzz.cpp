@@ -9,7 +9,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const std::string line(reinterpret_cast<const char *>(data), size);
+    // The parsers see a C string: what follows a NUL is not part of it.
+    const std::string line(reinterpret_cast<const char *>(data),
+                           strnlen(reinterpret_cast<const char *>(data), size));
     if (vexa::net::phy_register_value(line.c_str()) &&
         std::strncmp(line.c_str(), "read phy addr: 0x1d", 19) != 0)
         std::abort();

@@ -12,7 +12,6 @@
 #include "platform/android.h"
 #include "platform/log.h"
 #include "platform/os.h"
-#include "platform/shell.h"
 #include "platform/unique.h"
 #include "vexasdk/network.h"
 #include "vexasdk/peripherals.h"
@@ -102,8 +101,6 @@ extern "C" VEXA_API int32_t bi_network_get_link_status_detail(const char *comman
         VEXA_LOGE(kTag, "command is NULL");
         return -1;
     }
-    if (!vexa::shell_command_safe(kTag, __func__, command))
-        return -1;
     VEXA_LOGD(kTag, "%s: command = %s", __func__, command);
     UniquePipe pipe(vexa::os::popen(command, "r"));
     if (!pipe) {

@@ -180,6 +180,8 @@ constexpr size_t kProgramHeaderSize = 1024;
 inline std::optional<std::string> header_value(const uint8_t *header, size_t n,
                                                const std::string &key)
 {
+    if (header == nullptr || n == 0)
+        return std::nullopt;
     const size_t len = n < kProgramHeaderSize ? n : kProgramHeaderSize;
     const std::string text(reinterpret_cast<const char *>(header),
                            strnlen(reinterpret_cast<const char *>(header), len));

@@ -8,18 +8,57 @@
 
 namespace vexa {
 
-bool shell_word_safe(const char *text)
+namespace {
+
+// The length of the well-formed UTF-8 sequence of a character above U+007F
+// that starts at p, or 0: no overlong forms, no surrogates, nothing above
+// U+10FFFF.
+size_t utf8_sequence(const unsigned char *p)
 {
-    if (text == nullptr || *text == '\0')
-        return false;
-    for (const char *p = text; *p; ++p) {
+    auto in = [](unsigned char c, unsigned char lo, unsigned char hi) { return c >= lo && c <= hi; };
+    const unsigned char c = p[0];
+    if (in(c, 0xC2, 0xDF))
+        return in(p[1], 0x80, 0xBF) ? 2 : 0;
+    if (in(c, 0xE0, 0xEF)) {
+        const unsigned char lo = c == 0xE0 ? 0xA0 : 0x80, hi = c == 0xED ? 0x9F : 0xBF;
+        return in(p[1], lo, hi) && in(p[2], 0x80, 0xBF) ? 3 : 0;
+    }
+    if (in(c, 0xF0, 0xF4)) {
+        const unsigned char lo = c == 0xF0 ? 0x90 : 0x80, hi = c == 0xF4 ? 0x8F : 0xBF;
+        return in(p[1], lo, hi) && in(p[2], 0x80, 0xBF) && in(p[3], 0x80, 0xBF) ? 4 : 0;
+    }
+    return 0;
+}
+
+// The first byte of text that the shell would not take literally inside one
+// word, or null when there is none.
+const char *first_unsafe(const char *text)
+{
+    for (const char *p = text; *p;) {
         const unsigned char c = static_cast<unsigned char>(*p);
+        if (c >= 0x80) {
+            // A character beyond ASCII is never special to the shell; a
+            // byte that is not part of one is refused.
+            const size_t length = utf8_sequence(reinterpret_cast<const unsigned char *>(p));
+            if (length == 0)
+                return p;
+            p += length;
+            continue;
+        }
         const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
                            (c >= '0' && c <= '9') || std::strchr("_-./,:=+@%", c) != nullptr;
         if (!plain)
-            return false;
+            return p;
+        ++p;
     }
-    return true;
+    return nullptr;
+}
+
+} // namespace
+
+bool shell_word_safe(const char *text)
+{
+    return text != nullptr && *text != '\0' && first_unsafe(text) == nullptr;
 }
 
 const char *shell_path_refusal(const char *path)
@@ -30,8 +69,9 @@ const char *shell_path_refusal(const char *path)
         return "it starts with '-'";
     if (*path != '/')
         return "not an absolute path";
-    if (!shell_word_safe(path))
-        return "it holds shell metacharacters";
+    if (const char *unsafe = first_unsafe(path))
+        return static_cast<unsigned char>(*unsafe) >= 0x80 ? "it holds bytes that are not UTF-8"
+                                                             : "it holds shell metacharacters";
     bool names_something = false;
     for (const char *p = path; *p;) {
         while (*p == '/')
@@ -81,30 +121,6 @@ bool shell_args_safe(const char *tag, const char *func, std::initializer_list<co
         }
     }
     return true;
-}
-
-bool shell_command_safe(const char *tag, const char *func, const char *command)
-{
-    bool safe = command != nullptr && *command != '\0';
-    for (const char *p = command; safe && *p;) {
-        const char *end = std::strchr(p, ' ');
-        const size_t len = end ? static_cast<size_t>(end - p) : std::strlen(p);
-        char word[256];
-        if (len == 0 || len >= sizeof word) {
-            safe = false;
-            break;
-        }
-        std::memcpy(word, p, len);
-        word[len] = '\0';
-        safe = shell_word_safe(word);
-        p = end ? end + 1 : p + len;
-        if (end && *p == '\0')
-            safe = false; // a trailing blank
-    }
-    if (!safe)
-        VEXA_LOGE(tag, "%s: refusing shell metacharacters in \"%s\"\n", func,
-                  command ? command : "(null)");
-    return safe;
 }
 
 bool shell_not_option(const char *tag, const char *func, const char *arg)

@@ -4,6 +4,8 @@
 // checks here first, and every command is formatted with shell_format(): a
 // text that fails a check, or a command that does not fit its buffer, is
 // refused with an error line and nothing is run (the caller returns -1).
+// A whole command that the caller hands over to be run (a PHY state command
+// of the product INI) is the caller's own and runs as it is given.
 #ifndef VEXA_PLATFORM_SHELL_H
 #define VEXA_PLATFORM_SHELL_H
 
@@ -13,7 +15,9 @@
 namespace vexa {
 
 // True when text holds only characters that the shell takes literally inside
-// one word: letters, digits and "_-./,:=+@%". Null or empty text is not safe.
+// one word: ASCII letters, digits and "_-./,:=+@%", and any character beyond
+// ASCII written as well-formed UTF-8 ("/data/été"). A byte that is not part of
+// a well-formed UTF-8 sequence is refused. Null or empty text is not safe.
 bool shell_word_safe(const char *text);
 
 // Why a path may not be handed to a command that removes, copies, changes or
@@ -40,12 +44,6 @@ bool shell_format(char *buf, size_t cap, const char *tag, const char *func, cons
 // returns false; the caller then runs nothing and returns -1.
 bool shell_args_safe(const char *tag, const char *func,
                      std::initializer_list<const char *> args);
-
-// For a whole command taken from configuration (a product INI's PHY state
-// command): true when it is words that each pass shell_word_safe, one blank
-// apart. Otherwise logs ERROR "<func>: refusing shell metacharacters in
-// \"<command>\"" under tag; the caller then runs nothing and returns -1.
-bool shell_command_safe(const char *tag, const char *func, const char *command);
 
 // For a caller's word that becomes an argument: false, after ERROR
 // "<func>: refusing option-like argument \"<arg>\"", when it starts with '-'.

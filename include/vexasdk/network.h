@@ -58,9 +58,11 @@ VEXA_API int32_t bi_get_netport_link(uint64_t *value);
 /* eth0's carrier: 1 link, 0 none, -1 when the file cannot be opened, -2 when
  * it cannot be read. */
 VEXA_API int32_t bi_network_get_pz50_link_status(void);
-/* Runs a PHY state command and returns the value of its register line
- * ("read phy addr: 0x1d  reg: 0x1f04   value : 0x..."), 0 when no line
- * matches, -1 for a null or refused command or one that cannot be run. */
+/* Runs a PHY state command through the shell as it is given (the product
+ * INI's phyN_state_cmd, pipes and all: the command is the caller's, not text
+ * the library pastes into one of its own) and returns the value of its
+ * register line ("read phy addr: 0x1d  reg: 0x1f04   value : 0x..."), 0 when
+ * no line matches, -1 for a null command or one that cannot be run. */
 VEXA_API int32_t bi_network_get_link_status_detail(const char *command);
 /* Port 1 or 2 (its PHY state command): bit 2 of the register, 1 link or 0;
  * -1 on error. Ports 3 and 4 have no command and give -1; so does any other

@@ -648,7 +648,8 @@ void FpgaModel::persist_cards() const
 {
     static const char hex[] = "0123456789abcdef";
     std::ostringstream out;
-    for (const auto &[which, regs] : cards_) {
+    for (const auto &[which_card, regs] : cards_) {
+        const auto &which = which_card; // a lambda cannot capture a binding (C++17)
         uint32_t start = 0, next = 0;
         std::string run;
         auto flush = [&] {

@@ -8,7 +8,9 @@ set(actual)
 foreach(line IN LISTS lines)
     if(line MATCHES "^[0-9a-fA-F]* +[A-Za-z] +(.+)$")
         set(sym ${CMAKE_MATCH_1})
-        if(NOT sym MATCHES "^(_init|_fini|__bss_start|_edata|_end)$")
+        # The linker's own, and the markers a sanitizer build adds beside
+        # every exported object.
+        if(NOT sym MATCHES "^(_init|_fini|__bss_start|_edata|_end)$" AND NOT sym MATCHES "^__odr_asan")
             list(APPEND actual ${sym})
         endif()
     endif()

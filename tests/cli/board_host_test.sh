@@ -115,6 +115,7 @@ check "and the new host's lines carry bytes" again "$got"
 
 # A folder too deep for a socket's address.
 deep="$dir/$(printf 'a%.0s' $(seq 60))/$(printf 'b%.0s' $(seq 60))/board"
-check "a deep board folder has a host too" V1.0.2.0 "$(timeout 30 "$vexactl" --board "$deep" mcu version 2>&1)"
+check "a deep board folder has a host too" V1.0.2.0 \
+    "$(timeout 30 "$vexactl" --board "$deep" mcu version 2>&1 | grep -v ': laying out a new board there$')"
 
 finish

@@ -33,6 +33,16 @@ host="$dir/elsewhere/libexec/vexaboard-host"
 check "with the installed libraries" "$dir/elsewhere/lib" \
     "$(env -u LD_LIBRARY_PATH "${emulator[@]}" "$loader" --list "$host" | awk '/libvexaboard/ {print $3}' | xargs dirname | xargs realpath)"
 
+# The man page and the completion, found from the program's own prefix.
+check "man finds the page from the program's place" "$dir/elsewhere/share/man/man1/vexactl.1" \
+    "$(env -u MANPATH PATH="$dir/elsewhere/bin:/usr/bin:/bin" man -w vexactl 2>&1)"
+check "man vexactl shows it" "vexactl - drive the Vexa board through libvexasdk" \
+    "$(env -u MANPATH PATH="$dir/elsewhere/bin:/usr/bin:/bin" MANWIDTH=200 man vexactl 2>/dev/null |
+        sed -n '/^NAME$/{n;s/^ *//;p;q}')"
+check "bash completes vexactl from the installed script" "status " \
+    "$(bash -c '. "$1"; COMP_WORDS=(vexactl stat); COMP_CWORD=1; _vexactl; echo "${COMPREPLY[*]} "' _ \
+        "$dir/elsewhere/share/bash-completion/completions/vexactl")"
+
 if [ "$failures" -ne 0 ]; then
     echo "$failures check(s) failed"
     exit 1

@@ -65,7 +65,8 @@ EXEMPT_KEYS = {"value", "text", "contents", "version", "configured", "received",
 try:
     # The board, and what some commands need first.
     code, _, err = run("status")
-    check("the board is laid out", (0, ""), (code, err))
+    check("the board is laid out, and said so", (0, f"vexactl: {board} does not exist: laying out a new board there\n"),
+          (code, err))
     run("edid", "model", "1920", "1080", "60", "-o", edid)
     run("rescue", "backup")
 

@@ -29,7 +29,7 @@ check "0xa is line ten" 1 "$(run gpio get 0xa)"
 check "08 is line eight" 0 "$(run gpio get 08)"
 
 # Bad values are refused with the reason and the usage, and nothing happens.
-usage_gpio="usage: vexactl [--board DIR] [--json] gpio get ID | set ID 0|1"
+usage_gpio="usage: vexactl [--board DIR] [--json] gpio get LINE... | set LINE=LEVEL... | set LINE LEVEL"
 out=$(run gpio get 99999 2>&1)
 check "a line out of range" "2 vexactl gpio: the line is a number from 0 to 999, not '99999' $usage_gpio" \
     "$? $(echo $out)"

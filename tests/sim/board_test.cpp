@@ -316,10 +316,21 @@ TEST_F(SimTest, DetachedBoardFailsCallsInsteadOfFallingBack)
 
 TEST(ShellGuard, AcceptsPlainWordsOnly)
 {
-    for (const char *ok : {"/dev/block/mmcblk2p22", "a-b_c.d:e,f=g+h@i%j", "Reserve0"})
+    // Characters beyond ASCII are plain to the shell: two, three and four
+    // bytes of UTF-8, the last of each range.
+    for (const char *ok : {"/dev/block/mmcblk2p22", "a-b_c.d:e,f=g+h@i%j", "Reserve0", "/data/\xc3\xa9t\xc3\xa9",
+                           "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xef\xbf\xbf", "\xf0\x9f\x98\x80",
+                           "\xf4\x8f\xbf\xbf"})
         EXPECT_TRUE(shell_word_safe(ok)) << ok;
     for (const char *bad : {"", "a b", "a;b", "$(x)", "`x`", "a|b", "a&b", "a>b", "a<b", "a'b", "a\"b", "a\\b",
-                            "a*", "a?", "~root", "a\nb", "{a,b}", "a#b", "!x"})
+                            "a*", "a?", "~root", "a\nb", "{a,b}", "a#b", "!x", "a\tb"})
+        EXPECT_FALSE(shell_word_safe(bad)) << bad;
+    // Bytes that are not well-formed UTF-8: Latin-1, a cut sequence, a lone
+    // continuation byte, an overlong '/', a surrogate, beyond U+10FFFF, and
+    // a sequence whose continuation is a metacharacter.
+    for (const char *bad : {"/data/\xe9t\xe9", "a\xc3", "\xe2\x82", "\x80", "\xc0\xaf", "\xe0\x9f\xbf",
+                            "\xed\xa0\x80", "\xf0\x8f\xbf\xbf", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80",
+                            "\xc3;", "\xe2\x82|"})
         EXPECT_FALSE(shell_word_safe(bad)) << bad;
     EXPECT_FALSE(shell_word_safe(nullptr));
 }

@@ -64,6 +64,7 @@ TEST_F(PathSafetyTest, EveryCallerRefusesEveryPathThatCouldHitTheWrongTarget)
         {"//./", "it names \"/\""},
         {"/data/x;reboot", "it holds shell metacharacters"},
         {"/data/x y", "it holds shell metacharacters"},
+        {"/data/\xe9t\xe9", "it holds bytes that are not UTF-8"},
     };
     for (const Caller &caller : kCallers) {
         for (const auto &[path, why] : refused) {
@@ -82,11 +83,15 @@ TEST_F(PathSafetyTest, EveryCallerRefusesEveryPathThatCouldHitTheWrongTarget)
 
 TEST_F(PathSafetyTest, PlainAbsolutePathsRunAsWritten)
 {
+    board().write_file("/data/\xc3\xa9t\xc3\xa9/f", "");
     EXPECT_EQ(bi_base_delete_file("/data/..cache/./x"), 0);
     EXPECT_EQ(bi_block_check("/dev/block/mmcblk2"), 0);
+    EXPECT_EQ(bi_base_delete_file("/data/\xc3\xa9t\xc3\xa9"), 0);
     EXPECT_THAT(board().commands(),
                 ElementsAre("rm  -rf /data/..cache/./x",
-                            "/system/bin/badblocks -v -o /sdcard/block_test_result.txt /dev/block/mmcblk2"));
+                            "/system/bin/badblocks -v -o /sdcard/block_test_result.txt /dev/block/mmcblk2",
+                            "rm  -rf /data/\xc3\xa9t\xc3\xa9"));
+    EXPECT_FALSE(board().exists("/data/\xc3\xa9t\xc3\xa9"));
 }
 
 TEST_F(PathSafetyTest, ACommandThatDoesNotFitIsNotRunAtAll)

@@ -27,11 +27,20 @@ TEST_F(UbootenvWritersTest, FourProcessesUpdatingAtOnceAllKeepTheirLastValue)
 {
     constexpr int kWriters = 4;
     constexpr int kRounds = 60;
+    // The writers start together, once all are forked: a child forked
+    // while the host (this process) holds another child's descriptor of the
+    // partition would hold that descriptor's lock for its whole life.
+    int start[2];
+    ASSERT_EQ(pipe(start), 0);
     std::vector<pid_t> children;
     for (int w = 0; w < kWriters; ++w) {
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
+            close(start[1]);
+            char go;
+            if (read(start[0], &go, 1) != 0)
+                _exit(2);
             // Each process reads the partition once, then keeps updating
             // its own variable while the others update theirs.
             Ubootenv env;
@@ -43,6 +52,8 @@ TEST_F(UbootenvWritersTest, FourProcessesUpdatingAtOnceAllKeepTheirLastValue)
         }
         children.push_back(child);
     }
+    close(start[0]);
+    close(start[1]); // go
     for (pid_t child : children) {
         int status = -1;
         ASSERT_EQ(waitpid(child, &status, 0), child);

@@ -172,6 +172,15 @@ TEST_F(LogdTest, CompressingAnotherDirectoryLeavesTheToolsAlone)
     EXPECT_THAT(tar_members("/data/vexa/a.tgz"), ElementsAre("data/vexa/logs/", "data/vexa/logs/a.log"));
 }
 
+TEST_F(LogdTest, ANameBeyondAsciiIsCompressed)
+{
+    board().write_file("/data/\xc3\xa9t\xc3\xa9/a.log", "a\n");
+    EXPECT_EQ(bi_vexa_logd_compress("/data/\xc3\xa9t\xc3\xa9", "/data/\xc3\xa9t\xc3\xa9.tgz"), 0);
+    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_THAT(tar_members("/data/\xc3\xa9t\xc3\xa9.tgz"),
+                ElementsAre("data/\xc3\xa9t\xc3\xa9/", "data/\xc3\xa9t\xc3\xa9/a.log"));
+}
+
 TEST_F(LogdTest, AFailedTarStillReturnsZeroButIsLogged)
 {
     EXPECT_EQ(bi_vexa_logd_compress("/syslog/missing", "/data/m.tgz"), 0);

@@ -2,11 +2,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
 
 #include "tools/vexactl/command.h"
+#include "tools/vexactl/log_filter.h"
 #include "vexasdk/product_config.h"
 
 namespace vexactl {
@@ -128,67 +130,128 @@ std::string log_time(int64_t time_ns)
     return text;
 }
 
+const char kPriorityLetters[] = "??VDIWEF";
+
+// A record as one JSON object: the wall-clock time in seconds since the
+// epoch (to the millisecond; null when not known), the process and thread
+// (null when not known), the priority letter, the tag and the text.
+cJSON *record_json(const vexa::sim::LogRecord &r)
+{
+    cJSON *o = cJSON_CreateObject();
+    if (r.time_ns > 0)
+        cJSON_AddNumberToObject(o, "time_s", static_cast<double>(r.time_ns / 1000000) / 1000.0);
+    else
+        cJSON_AddNullToObject(o, "time_s");
+    auto id = [&](const char *key, int value) {
+        if (value > 0)
+            cJSON_AddNumberToObject(o, key, value);
+        else
+            cJSON_AddNullToObject(o, key);
+    };
+    id("pid", r.pid);
+    id("tid", r.tid);
+    const int p = r.priority < 2 ? 2 : r.priority > 7 ? 7 : r.priority;
+    cJSON_AddStringToObject(o, "priority", std::string(1, kPriorityLetters[p]).c_str());
+    cJSON_AddStringToObject(o, "tag", r.tag.c_str());
+    std::string text = r.text;
+    if (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    cJSON_AddStringToObject(o, "text", text.c_str());
+    return o;
+}
+
 int run_log(Context &ctx, const Args &args)
 {
-    if (!args.empty())
-        return usage_error(command_named("log"), "takes no arguments");
     auto &board = ctx.board();
+    const bool follow = ctx.flag("follow");
     if (ctx.flag("clear")) {
+        if (!args.empty() || follow || ctx.flag("dump"))
+            return usage_error(*ctx.command, "--clear takes nothing else");
         board.clear_log();
         return 0;
     }
+    if (follow && ctx.flag("dump"))
+        return usage_error(*ctx.command, "-d prints the log and leaves; -f follows it");
+    LogFilter filter;
+    if (ctx.flag("silent"))
+        filter.silence();
+    for (const std::string &spec : args)
+        if (!filter.add(spec))
+            return usage_error(*ctx.command, "'" + spec + "' is not a filter spec TAG:P (P one of V, D, I, W, E, F, S)");
     int min_priority = 0;
-    if (auto p = ctx.text("priority"))
-        min_priority = 3 + static_cast<int>(one_of(*p, "the priority", {"D", "I", "W", "E"}));
+    if (auto p = ctx.text("priority")) {
+        const auto level = LogFilter::priority(*p);
+        if (!level || *p == "S")
+            return usage_error(*ctx.command, "the priority is one of V, D, I, W, E or F, not '" + *p + "'");
+        min_priority = *level;
+    }
     const std::vector<std::string> tags = ctx.texts("tag");
     auto wanted = [&](const vexa::sim::LogRecord &r) {
-        return r.priority >= min_priority &&
+        return r.priority >= min_priority && filter.passes(r.tag, r.priority) &&
                (tags.empty() || std::find(tags.begin(), tags.end(), r.tag) != tags.end());
     };
-    if (ctx.json && !ctx.flag("follow")) {
-        Table t({"time", "pid", "tid", "priority", "tag", "text"});
-        for (auto &record : board.log()) {
-            if (!wanted(record))
-                continue;
-            std::string text = record.text;
-            if (!text.empty() && text.back() == '\n')
-                text.pop_back();
-            t.row({log_time(record.time_ns), record.pid, record.tid, record.priority, record.tag, text});
-        }
-        t.print(ctx);
+    if (ctx.json && !follow) {
+        cJSON *array = cJSON_CreateArray();
+        for (auto &record : board.log())
+            if (wanted(record))
+                cJSON_AddItemToArray(array, record_json(record));
+        print_json(ctx, array);
         return 0;
     }
+    // Each record as it is printed; false when standard output fails.
     auto print = [&](const std::vector<vexa::sim::LogRecord> &records) {
-        for (auto &r : records)
-            if (wanted(r))
+        for (auto &r : records) {
+            if (!wanted(r))
+                continue;
+            if (ctx.json) {
+                // -f --json: JSON lines, one record a line.
+                cJSON *o = record_json(r);
+                char *line = cJSON_PrintUnformatted(o);
+                std::fprintf(ctx.out, "%s\n", line ? line : "null");
+                cJSON_free(line);
+                cJSON_Delete(o);
+            } else {
                 std::fprintf(ctx.out, "%s %5d %5d %s\n", log_time(r.time_ns).c_str(), r.pid, r.tid,
                              r.line().c_str());
-        std::fflush(ctx.out);
+            }
+        }
+        return std::fflush(ctx.out) == 0 && !std::ferror(ctx.out);
     };
-    if (!ctx.flag("follow")) {
+    if (!follow) {
         print(board.log());
         return 0;
     }
-    // Follows the log until interrupted, as logcat does.
+    // Follows the log until interrupted, as logcat does, or until standard
+    // output goes away.
     std::signal(SIGINT, [](int) { g_log_stop = 1; });
     std::signal(SIGTERM, [](int) { g_log_stop = 1; });
     while (!g_log_stop) {
-        print(board.new_log());
+        if (!print(board.new_log()))
+            return fail("cannot write standard output: %s", std::strerror(errno));
         ::usleep(100000);
     }
     return 0;
 }
 
-VEXACTL_COMMAND(log, {"log", "[-f] [--tag TAG]... [--priority D|I|W|E] | --clear",
+VEXACTL_COMMAND(log, {"log", "[-d | -f] [-s] [FILTERSPEC...] [--tag TAG]... [--priority P] | --clear",
                       "Show the board's log as logcat does: time, process, thread, P/TAG: TEXT",
                       "Each record: MM-DD HH:MM:SS.mmm PID TID P/TAG: TEXT, P being D, I, W or E\n"
                       "(debug, info, warning, error). The board keeps the newest records when its\n"
-                      "log passes 1 MiB.",
+                      "log passes 1 MiB.\n"
+                      "FILTERSPEC is logcat's TAG:P: the records of TAG at priority P and above, P\n"
+                      "one of V, D, I, W, E, F or S (verbose ... fatal, silent); TAG alone is TAG:V;\n"
+                      "'*:P' is the priority of every tag not named (V, or S with -s). So\n"
+                      "'vexactl log -s vexa_system_bi_led:E' prints only that tag's errors, and\n"
+                      "'vexactl log \"*:W\"' every warning and error. --tag and --priority narrow\n"
+                      "the records further. --json: an array of records (time_s, pid, tid,\n"
+                      "priority, tag, text); with -f one record a line (JSON lines).",
                       run_log,
                       {flag("clear", "empty the log").letter('c'),
+                       flag("dump", "print the log and leave (what log does without -f)").letter('d'),
                        flag("follow", "print records as they come, until interrupted").letter('f'),
+                       flag("silent", "the default filter is *:S: only the tags named pass").letter('s'),
                        text("tag", "TAG", "only records of this tag (repeatable)").letter('t'),
-                       text("priority", "P", "only records of priority P (D, I, W, E) and above").letter('p')}});
+                       text("priority", "P", "only records of priority P (V, D, I, W, E, F) and above").letter('p')}});
 
 } // namespace
 } // namespace vexactl

@@ -94,7 +94,7 @@ int run_show(Context &ctx, const Command &command, const Args &args)
     if (args.size() != 2)
         return usage_error(command, "show needs one FILE");
     std::string read;
-    if (!read_input(args[1], &read))
+    if (!read_input(ctx, args[1], &read))
         return 1;
     std::vector<uint8_t> bytes(read.begin(), read.end());
     if (bytes.size() < 128)

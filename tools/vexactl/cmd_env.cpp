@@ -2,6 +2,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -90,17 +91,62 @@ int set_variable(Context &ctx, Ubootenv &env, const Args &args)
     }
 }
 
+std::string bare(const std::string &name)
+{
+    return name.rfind(kPrefix, 0) == 0 ? name.substr(sizeof kPrefix - 1) : name;
+}
+
+// The variables named, as fw_printenv prints them: NAME=VALUE lines, or the
+// value alone for one name when value_only; all that are set without names.
+// A name that is not set is said on standard error and fails the command,
+// after the others are printed. --json: one object, null for a name not set.
+int print_variables(Context &ctx, Ubootenv &env, const Args &names, bool value_only)
+{
+    std::vector<std::pair<std::string, const char *>> found;
+    if (names.empty()) {
+        for (auto &[key, value] : entries(env))
+            if (!value.empty())
+                found.emplace_back(key, nullptr);
+        std::sort(found.begin(), found.end()); // by name, as fw_printenv lists them
+    } else {
+        for (const std::string &name : names)
+            found.emplace_back(bare(name), nullptr);
+    }
+    int status = 0;
+    cJSON *object = ctx.json ? cJSON_CreateObject() : nullptr;
+    for (auto &[name, value] : found) {
+        value = env.getValue(prefixed(name).c_str());
+        if (!is_set(value)) {
+            status = fail("%s is not set", prefixed(name).c_str());
+            if (object)
+                cJSON_AddNullToObject(object, name.c_str());
+            continue;
+        }
+        if (object)
+            cJSON_AddStringToObject(object, name.c_str(), value);
+        else if (value_only)
+            std::fprintf(ctx.out, "%s\n", value);
+        else
+            std::fprintf(ctx.out, "%s=%s\n", name.c_str(), value);
+    }
+    if (object)
+        print_json(ctx, object);
+    return status;
+}
+
 int run_env(Context &ctx, const Args &args)
 {
     if (args.empty())
-        return usage_error(*ctx.command, "needs list, get, set or dump");
-    const size_t verb = one_of(args[0], "the action", {"list", "get", "set", "dump"});
+        return usage_error(*ctx.command, "needs list, print, get, set or dump");
+    const size_t verb = one_of(args[0], "the action", {"list", "get", "set", "dump", "print"});
     if ((verb == 0 || verb == 3) && args.size() != 1)
         return usage_error(*ctx.command, args[0] + " takes no arguments");
-    if (verb == 1 && args.size() != 2)
-        return usage_error(*ctx.command, "get takes one NAME");
+    if (verb == 1 && args.size() < 2)
+        return usage_error(*ctx.command, "get takes one NAME or more");
     if (verb == 2 && args.size() < 2)
         return usage_error(*ctx.command, "set takes a NAME and its VALUE (none deletes it)");
+    if (ctx.flag("value-only") && (verb != 4 || args.size() != 2))
+        return usage_error(*ctx.command, "-n takes print and one NAME");
     ctx.board();
     Ubootenv env;
     const int ready = env.init();
@@ -116,23 +162,13 @@ int run_env(Context &ctx, const Args &args)
         table.print(ctx);
         return 0;
     }
-    case 1: {
-        const std::string name = prefixed(args[1]);
-        const char *value = env.getValue(name.c_str());
-        if (!is_set(value))
-            return fail("%s is not set", name.c_str());
-        if (ctx.json) {
-            cJSON *item = cJSON_CreateObject();
-            cJSON_AddStringToObject(item, "name", name.c_str());
-            cJSON_AddStringToObject(item, "value", value);
-            print_json(ctx, item);
-        } else {
-            std::fprintf(ctx.out, "%s\n", value);
-        }
-        return 0;
-    }
+    case 1:
+        // One name: its value alone (fw_printenv -n); several: NAME=VALUE.
+        return print_variables(ctx, env, Args(args.begin() + 1, args.end()), args.size() == 2);
     case 2:
         return set_variable(ctx, env, args);
+    case 4:
+        return print_variables(ctx, env, Args(args.begin() + 1, args.end()), ctx.flag("value-only"));
     default:
         if (ctx.json) {
             Table table({"key", "value"});
@@ -146,16 +182,22 @@ int run_env(Context &ctx, const Args &args)
     }
 }
 
-VEXACTL_COMMAND(env, {"env", "list | get NAME | set NAME [VALUE...] | dump", "Read or change the U-Boot environment",
-                      "NAME may be given with or without the prefix \"ubootenv.var.\"; it cannot\n"
-                      "hold '='. 'set' works as fw_setenv: the words after NAME, joined by blanks,\n"
-                      "become its value, and with no value NAME is deleted: the store keeps it\n"
-                      "as NAME= with nothing after it, which U-Boot drops when it loads the\n"
-                      "environment, so list and get show it as not set. 'set' writes both copies\n"
-                      "of the environment partition; setting a variable to its current value\n"
-                      "writes nothing. 'dump' prints the store's own dump, every entry as the\n"
+VEXACTL_COMMAND(env, {"env", "list | print [-n] [NAME...] | get NAME... | set NAME [VALUE...] | dump",
+                      "Read or change the U-Boot environment",
+                      "NAME may be given with or without the prefix \"ubootenv.var.\"; it cannot hold\n"
+                      "'='. 'print' works as fw_printenv: NAME=VALUE for each NAME, or for every\n"
+                      "variable that is set, by name; -n with one NAME prints its value alone.\n"
+                      "'get' prints the value of one NAME, or NAME=VALUE lines for several. A NAME\n"
+                      "that is not set is said on standard error and the command exits 1, after the\n"
+                      "others are printed (--json: one object, null for a NAME not set). 'list' is\n"
+                      "the same as a table. 'set' works as fw_setenv: the words after NAME, joined\n"
+                      "by blanks, become its value, and with no value NAME is deleted: the store\n"
+                      "keeps it as NAME= with nothing after it, which U-Boot drops when it loads\n"
+                      "the environment, so list, print and get show it as not set. 'set' writes\n"
+                      "both copies of the environment partition; setting a variable to its current\n"
+                      "value writes nothing. 'dump' prints the store's own dump, every entry as the\n"
                       "store holds it. A value that begins with '-' follows \"--\".",
-                      run_env});
+                      run_env, {flag("value-only", "print: the value alone, of one NAME").letter('n')}});
 
 } // namespace
 } // namespace vexactl

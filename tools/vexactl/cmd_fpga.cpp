@@ -259,12 +259,11 @@ int run_params(Context &ctx, const Family &family)
 
 int run_update(Context &ctx, const std::string &file)
 {
-    std::string path = file;
-    // A file of the host (or standard input, "-") that the board does not
-    // have is copied in first.
-    if (file == "-" || !ctx.board().exists(path)) {
+    std::string path = input_file(ctx, file).board_path;
+    // A file outside the board (or standard input, "-") is copied in first.
+    if (path.empty()) {
         std::string bytes;
-        if (!read_input(file, &bytes))
+        if (!read_input(ctx, file, &bytes))
             return 1;
         path = "/data/vexactl/fpga_update.bin";
         ctx.board().write_file(path, bytes);
@@ -442,8 +441,9 @@ std::string fpga_help()
         "load     the family's boot-time load process.\n"
         "params   sends the screen parameters by the family's transport (SPI records,\n"
         "         UDP blocks, or SPI packets from the screen partition).\n"
-        "update   updates the program from FILE (a board path, or a host file or \"-\"\n"
-        "         for standard input, copied in), by the board's module id.\n"
+        "update   updates the program from FILE (copied into the board when it lies\n"
+        "         outside; '-': standard input; the board's own image is\n"
+        "         /vendor/etc/fpga/fpga_fw.bin), by the board's module id.\n"
         "phy      brings up the SGMII link to the FPGA and its PHY (up to five tries).\n"
         "card     reads LEN bytes of, or writes HEXBYTES to, the receiving cards of PORT\n"
         "         at register ADDR (qr5plus and qr-card families).\n"

@@ -188,35 +188,99 @@ VEXACTL_COMMAND(switch, {"switch", "NAME on|off|get", "Switch or read a power, c
 // The library's id tests accept line ids below 1000.
 constexpr long long kMaxLine = 999;
 
-int run_gpio(Context &ctx, const Args &args)
+// A line as gpioget and gpioset take it: its number, or the name status
+// gives it (the record's line for that name).
+struct Line {
+    int id;
+    std::string name; // as asked for; empty for a number
+};
+
+Line line_of(Context &ctx, const std::string &word)
 {
-    if (args.size() == 2 && args[0] == "get") {
-        const int id = static_cast<int>(number_operand(args[1], "the line", 0, kMaxLine));
-        const int level = ctx.board().line(id);
-        if (level < 0)
-            return fail("line %d does not exist", id);
-        if (ctx.json) {
-            cJSON *o = cJSON_CreateObject();
-            cJSON_AddNumberToObject(o, "line", id);
-            cJSON_AddNumberToObject(o, "level", level);
-            print_json(ctx, o);
-        } else {
-            std::fprintf(ctx.out, "%d\n", level);
-        }
-        return 0;
+    const Control *found = nullptr;
+    for (const Control &control : kControls)
+        if (word == control.name)
+            found = &control;
+    if (!found && !word.empty() && word[0] >= '0' && word[0] <= '9') // "4g_power" is a name
+        return {static_cast<int>(number_operand(word, "the line", 0, kMaxLine)), ""};
+    if (!found) {
+        std::string names;
+        for (const Control &control : kControls)
+            names += std::string(names.empty() ? "" : ", ") + control.name;
+        throw UsageError("a line is a number from 0 to " + std::to_string(kMaxLine) + " or a name status gives (" +
+                         names + "), not '" + word + "'");
     }
-    if (args.size() == 3 && args[0] == "set") {
-        const int id = static_cast<int>(number_operand(args[1], "the line", 0, kMaxLine));
-        const int level = static_cast<int>(number_operand(args[2], "the level", 0, 1));
-        ctx.board().set_line(id, level);
-        return 0;
-    }
-    return usage_error(*ctx.command, "expected 'get ID' or 'set ID 0|1'");
+    ctx.load_config();
+    if (bi_product == nullptr)
+        throw std::runtime_error("the product record could not be loaded; see 'vexactl log'");
+    const int32_t id = line_id(*found);
+    if (id < 0)
+        throw std::runtime_error(word + " has no line: its key is not in the product INI");
+    if (id == 0 || id > kMaxLine)
+        throw std::runtime_error(word + " has an invalid line (" + std::to_string(id) + ") in the product INI");
+    return {id, word};
 }
 
-VEXACTL_COMMAND(gpio, {"gpio", "get ID | set ID 0|1", "Read or drive a board line directly",
-                       "Acts on the board's line itself, not through the library: 'set' is what a\n"
-                       "signal from outside would do to an input. ID is 0 to 999.",
+int gpio_get(Context &ctx, const Args &words)
+{
+    std::vector<Line> lines;
+    for (const std::string &word : words)
+        lines.push_back(line_of(ctx, word));
+    Table table({"line", "name", "level"});
+    std::string shown;
+    for (const Line &line : lines) {
+        const int level = ctx.board().line(line.id);
+        if (level < 0)
+            return fail("line %d does not exist", line.id);
+        table.row({line.id, line.name.empty() ? Cell::none() : Cell(line.name), level});
+        shown += (shown.empty() ? "" : " ") + std::to_string(level);
+    }
+    if (ctx.json)
+        table.print(ctx);
+    else
+        std::fprintf(ctx.out, "%s\n", shown.c_str());
+    return 0;
+}
+
+int gpio_set(Context &ctx, const Args &words)
+{
+    // gpioset's LINE=LEVEL pairs, or one LINE LEVEL.
+    std::vector<std::pair<std::string, std::string>> pairs;
+    if (words.size() == 2 && words[0].find('=') == std::string::npos && words[1].find('=') == std::string::npos) {
+        pairs.emplace_back(words[0], words[1]);
+    } else {
+        for (const std::string &word : words) {
+            const size_t eq = word.rfind('=');
+            if (eq == std::string::npos)
+                throw UsageError("set takes LINE=LEVEL pairs (or one LINE LEVEL), not '" + word + "'");
+            pairs.emplace_back(word.substr(0, eq), word.substr(eq + 1));
+        }
+    }
+    // Every pair is checked before any line moves.
+    std::vector<std::pair<int, int>> drives;
+    for (auto &[word, level] : pairs)
+        drives.emplace_back(line_of(ctx, word).id, static_cast<int>(number_operand(level, "the level", 0, 1)));
+    for (auto &[id, level] : drives)
+        ctx.board().set_line(id, level);
+    return 0;
+}
+
+int run_gpio(Context &ctx, const Args &args)
+{
+    if (args.size() >= 2 && args[0] == "get")
+        return gpio_get(ctx, Args(args.begin() + 1, args.end()));
+    if (args.size() >= 2 && args[0] == "set")
+        return gpio_set(ctx, Args(args.begin() + 1, args.end()));
+    return usage_error(*ctx.command, "expected 'get LINE...' or 'set LINE=LEVEL...'");
+}
+
+VEXACTL_COMMAND(gpio, {"gpio", "get LINE... | set LINE=LEVEL... | set LINE LEVEL", "Read or drive board lines directly",
+                       "As gpioget and gpioset do, on the board's lines themselves, not through the\n"
+                       "library: 'set' is what a signal from outside would do to an input. A LINE\n"
+                       "is a number from 0 to 999, or a name as status gives it (led_sys,\n"
+                       "lora_check, ...): the line the product INI names. get prints the levels in\n"
+                       "the order asked, on one line (--json: line, name as asked or null, level).\n"
+                       "set checks every pair before it drives any line.",
                        run_gpio});
 
 } // namespace

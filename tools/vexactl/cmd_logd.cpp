@@ -106,8 +106,10 @@ std::string quoted_list(const std::vector<std::string> &names)
 // failed tar. So tar writes to a name of this run beside ARCHIVE, which
 // takes ARCHIVE's name only when tar logged no failure: a run that fails
 // leaves no archive, and an archive of an earlier run is never taken for
-// this run's. The archive goes to standard output when it is "-".
-int compress(Context &ctx, const std::string &dir, const std::string &archive)
+// this run's. The archive goes to standard output when it is "-", and to
+// host_archive, a file of the host outside the board, when that is given
+// (ARCHIVE is then "-": it is packed on the board, then copied out).
+int compress(Context &ctx, const std::string &dir, const std::string &archive, const std::string &host_archive)
 {
     vexa::sim::Board &board = ctx.board();
     const vexa::sim::Folder folder = board.folder();
@@ -151,21 +153,24 @@ int compress(Context &ctx, const std::string &dir, const std::string &archive)
     const std::string bytes = board.read_file(target);
     if (to_stdout) {
         discard();
-        return write_output(ctx, "-", bytes) ? 0 : 1;
-    }
-    if (folder.rename(target, archive) != 0) {
+        if (!write_output(ctx, host_archive.empty() ? "-" : host_archive, bytes))
+            return 1;
+        if (host_archive.empty())
+            return 0;
+    } else if (folder.rename(target, archive) != 0) {
         const int error = errno;
         discard();
         return fail("cannot name the archive %s: %s", archive.c_str(), std::strerror(error));
     }
+    const std::string &named = host_archive.empty() ? archive : host_archive;
     if (ctx.json) {
         cJSON *item = cJSON_CreateObject();
         cJSON_AddStringToObject(item, "directory", dir.c_str());
-        cJSON_AddStringToObject(item, "archive", archive.c_str());
+        cJSON_AddStringToObject(item, "archive", named.c_str());
         cJSON_AddNumberToObject(item, "size_bytes", static_cast<double>(bytes.size()));
         print_json(ctx, item);
     } else {
-        std::fprintf(ctx.out, "wrote %s (%zu bytes)\n", archive.c_str(), bytes.size());
+        std::fprintf(ctx.out, "wrote %s (%zu bytes)\n", named.c_str(), bytes.size());
     }
     return 0;
 }
@@ -216,6 +221,29 @@ int clear(Context &ctx, const std::string &dir)
     return 0;
 }
 
+// An absolute path the host lacks, which the board may have.
+bool is_board_path(const std::string &path)
+{
+    std::error_code ec;
+    return !path.empty() && path[0] == '/' && !std::filesystem::exists(path, ec);
+}
+
+// The board directory that a DIR argument names: a host path inside the
+// board's directory, or an absolute path the host lacks (the log daemon's
+// /syslog/logs). A directory of the host outside the board is refused.
+std::string board_directory(Context &ctx, const std::string &arg)
+{
+    if (arg == "-")
+        throw UsageError("DIR is a directory, not standard input");
+    const FileArg dir = input_file(ctx, arg);
+    if (!dir.board_path.empty())
+        return dir.board_path;
+    if (is_board_path(arg))
+        return arg;
+    throw UsageError(arg + " is a directory of this machine outside the board; the log daemon works on the "
+                           "board's (" + ctx.board_root() + "/syslog/logs, or /syslog/logs)");
+}
+
 int run_logd(Context &ctx, const Args &args)
 {
     const size_t action = args.empty() ? 0 : one_of(args[0], "the action", {"get", "set", "compress", "clear"});
@@ -228,10 +256,19 @@ int run_logd(Context &ctx, const Args &args)
     switch (action) {
     case 1:
         return set_config(ctx, Args(args.begin() + 1, args.end()));
-    case 2:
-        return compress(ctx, args[1], args[2]);
+    case 2: {
+        const std::string dir = board_directory(ctx, args[1]);
+        const FileArg archive = output_file(ctx, args[2]);
+        if (archive.where == FileArg::Where::standard)
+            return compress(ctx, dir, "-", "");
+        if (!archive.board_path.empty())
+            return compress(ctx, dir, archive.board_path, "");
+        if (is_board_path(archive.path))
+            return compress(ctx, dir, archive.path, ""); // the board lacks its directory: tar says so
+        return compress(ctx, dir, "-", archive.path);     // a file of the host outside the board
+    }
     case 3:
-        return clear(ctx, args[1]);
+        return clear(ctx, board_directory(ctx, args[1]));
     default:
         return print_config(ctx);
     }
@@ -241,11 +278,12 @@ VEXACTL_COMMAND(logd, {"logd", "[get] | set KEY=VALUE... | compress DIR ARCHIVE 
                        "Configure the log daemon; compress or clear its logs",
                        "get prints the daemon's configuration (level, base, mode, total_size,\n"
                        "once_size) and the file it writes now (path); set changes the named keys.\n"
-                       "compress packs DIR into a gzip tar ARCHIVE ('-': standard output); both\n"
-                       "are paths of the board. For /syslog/logs the video and display tools are\n"
-                       "first told to stop. A compress that fails (a missing DIR, a failed tar)\n"
-                       "exits 1 and leaves no archive; an ARCHIVE of an earlier run stays as it\n"
-                       "was until a compress succeeds.\n"
+                       "compress packs DIR, a directory of the board (/syslog/logs), into a gzip\n"
+                       "tar ARCHIVE ('-': standard output; a file outside the board is packed on\n"
+                       "the board, then copied out). For /syslog/logs the video and display tools\n"
+                       "are first told to stop. A compress that fails (a missing DIR, a failed\n"
+                       "tar) exits 1 and leaves no archive; an ARCHIVE of an earlier run stays as\n"
+                       "it was until a compress succeeds.\n"
                        "clear removes everything in DIR but the daemon's current file; it exits 1\n"
                        "when any other entry stays (the library does not pass a name with shell\n"
                        "metacharacters to rm).",

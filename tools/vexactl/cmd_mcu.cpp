@@ -131,9 +131,7 @@ int run_flash(Context &ctx, const Args &args)
         return usage_error(*ctx.command, "flash takes one FILE");
     const std::string &path = args[0];
     std::string image;
-    if (!path.empty() && path[0] == '/' && ctx.board().exists(path))
-        image = ctx.board().read_file(path); // a file of the board
-    else if (!read_input(path, &image))
+    if (!read_input(ctx, path, &image))
         return 1;
     const std::string name = path == "-" ? "the image from standard input" : path;
     if (image.empty())
@@ -313,7 +311,8 @@ VEXACTL_COMMAND(mcu, {"mcu", "version | update | flash FILE|- [--force] [--no-ve
                       "update   runs the configured update: compares the version with mcu_fw_version\n"
                       "         and flashes mcu_fw_path through the ROM bootloader when they differ;\n"
                       "         exits non-zero unless the MCU then reports the configured version.\n"
-                      "flash    flashes FILE (a board path, a host file, or '-' for standard input)\n"
+                      "flash    flashes FILE ('-': standard input; the board's own image is\n"
+                      "         /vendor/etc/mcu/mcu_fw.bin)\n"
                       "         through the ROM bootloader: greets it, detects the MCU, refuses an\n"
                       "         image its page erase cannot cover (unless --force), erases, writes\n"
                       "         block by block, reads the flash back and compares (unless\n"

@@ -97,24 +97,64 @@ VEXACTL_COMMAND(adc, {"adc", "", "Show the board id, input voltage and temperatu
                       "exit status 1.",
                       run_adc});
 
-// "YYYY-MM-DD HH:MM:SS" into a struct rtc_time.
-bool parse_time(const std::string &date, const std::string &clock, struct rtc_time *t)
+// The whole number of 1 to `most` digits that text is, or -1.
+int digits(const std::string &text, size_t most)
 {
-    std::memset(t, 0, sizeof *t);
-    int y, mo, d, h, mi, s;
-    char tail;
-    if (std::sscanf(date.c_str(), "%d-%d-%d%c", &y, &mo, &d, &tail) != 3 ||
-        std::sscanf(clock.c_str(), "%d:%d:%d%c", &h, &mi, &s, &tail) != 3)
+    if (text.empty() || text.size() > most)
+        return -1;
+    int value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9')
+            return -1;
+        value = value * 10 + (c - '0');
+    }
+    return value;
+}
+
+// The three numbers of "A<sep>B<sep>C", each of at most `most[i]` digits
+// (exactly `exact` for the first when it is not 0), or false.
+bool three(const std::string &text, char sep, const size_t (&most)[3], size_t exact, int (&out)[3])
+{
+    const size_t first = text.find(sep), second = text.find(sep, first + 1);
+    if (first == std::string::npos || second == std::string::npos || text.find(sep, second + 1) != std::string::npos)
         return false;
-    if (mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 59 || h < 0 || mi < 0 || s < 0)
-        return false;
-    t->tm_year = y - 1900;
-    t->tm_mon = mo - 1;
-    t->tm_mday = d;
-    t->tm_hour = h;
-    t->tm_min = mi;
-    t->tm_sec = s;
-    return true;
+    const std::string parts[3] = {text.substr(0, first), text.substr(first + 1, second - first - 1),
+                                  text.substr(second + 1)};
+    for (int i = 0; i < 3; ++i)
+        if ((out[i] = digits(parts[i], most[i])) < 0)
+            return false;
+    return exact == 0 || parts[0].size() == exact;
+}
+
+// "YYYY-MM-DD HH:MM:SS", a real date and time from 1970 on, into a struct
+// rtc_time; anything else throws UsageError saying what is wrong.
+struct rtc_time parse_time(const std::string &date, const std::string &clock)
+{
+    int d[3], c[3];
+    if (!three(date, '-', {4, 2, 2}, 4, d) || !three(clock, ':', {2, 2, 2}, 0, c))
+        throw UsageError("a time is YYYY-MM-DD HH:MM:SS, not '" + date + " " + clock + "'");
+    static const char *const kMonths[] = {"January", "February", "March",     "April",   "May",      "June",
+                                          "July",    "August",   "September", "October", "November", "December"};
+    const int year = d[0], month = d[1], day = d[2];
+    if (year < 1970)
+        throw UsageError(date + ": the RTC counts from 1970");
+    if (month < 1 || month > 12)
+        throw UsageError(date + ": the month is 1 to 12");
+    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    const int days[] = {31, leap ? 29 : 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (day < 1 || day > days[month - 1])
+        throw UsageError(date + ": " + kMonths[month - 1] + " " + std::to_string(year) + " has days 1 to " +
+                         std::to_string(days[month - 1]));
+    if (c[0] > 23 || c[1] > 59 || c[2] > 59)
+        throw UsageError(clock + ": the hour is 0 to 23, minutes and seconds 0 to 59");
+    struct rtc_time t {};
+    t.tm_year = year - 1900;
+    t.tm_mon = month - 1;
+    t.tm_mday = day;
+    t.tm_hour = c[0];
+    t.tm_min = c[1];
+    t.tm_sec = c[2];
+    return t;
 }
 
 std::string format_time(const struct rtc_time &t)
@@ -144,16 +184,19 @@ int run_rtc(Context &ctx, const Args &args)
     if (args.size() == 2 && (args[1] == "on" || args[1] == "off")) {
         rc = boot ? bi_rtc_set_boot_enable(args[1] == "on") : bi_rtc_set_wake_enable(args[1] == "on");
     } else {
-        struct rtc_time t {};
-        if (args.size() != 3 || !parse_time(args[1], args[2], &t))
+        if (args.size() != 3)
             return usage_error(command, "a time is YYYY-MM-DD HH:MM:SS");
+        struct rtc_time t = parse_time(args[1], args[2]);
         rc = boot ? bi_rtc_set_boot_time(&t) : bi_rtc_set_wake_time(&t);
     }
     return rc != 0 ? fail("the RTC refused (%d); see 'vexactl log'", rc) : 0;
 }
 
 VEXACTL_COMMAND(rtc, {"rtc", "[boot|wake on|off | boot|wake YYYY-MM-DD HH:MM:SS]",
-                      "Show or set the RTC's boot and wake alarms", "", run_rtc});
+                      "Show or set the RTC's boot and wake alarms",
+                      "A time is a real date and time from 1970 on: 2024-02-29 is one, 2023-02-29\n"
+                      "and 2024-04-31 are not.",
+                      run_rtc});
 
 int run_watchdog(Context &ctx, const Args &args)
 {

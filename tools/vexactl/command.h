@@ -60,8 +60,9 @@
 // a file written to "-" (write_output) still goes to standard output.
 // Jobs longer than a second show the progress bar of progress.h.
 //
-// "-" names standard input or output where a command takes a file
-// (read_input, write_output).
+// File arguments are paths of the host, "-" standard input or output, and
+// absolute paths the host lacks but the board has are the board's
+// (input_file, output_file, read_input, write_output).
 #ifndef VEXACTL_COMMAND_H
 #define VEXACTL_COMMAND_H
 
@@ -133,6 +134,8 @@ public:
 
     // The board, attached on first use (the default board unless --board).
     vexa::sim::Board &board();
+    // The board's directory, without attaching it.
+    std::string board_root() const;
     // Loads the product record once (bi_init_product_config).
     void load_config();
 
@@ -196,11 +199,32 @@ long long number_operand(const std::string &text, const std::string &what, long 
 // not 'TEXT'".
 size_t one_of(const std::string &text, const std::string &what, const std::vector<std::string> &choices);
 
-// Reads a whole file of the host, or standard input for "-". False (and
-// "vexactl: cannot read PATH: REASON" on standard error) on failure.
-bool read_input(const std::string &path, std::string *bytes);
-// Writes bytes to a file of the host, or to the command's output for "-".
-bool write_output(Context &ctx, const std::string &path, const std::string &bytes);
+// Where a file argument lies. Every FILE, DIR or ARCHIVE is a path of the
+// host (the machine vexactl runs on), relative to the working directory, and
+// "-" is standard input or output; the board is a directory of the host, so
+// its files are host paths too. An absolute path the host lacks (for a file
+// to write: whose directory it lacks) is the board's when the board has it
+// (/vendor/etc/mcu/mcu_fw.bin, /syslog/logs). files_text() in parse.h says
+// so in the help.
+struct FileArg {
+    enum class Where { standard, host, board };
+    Where where = Where::host;
+    std::string path; // a path of the host, or of the board
+    // The path on the board: a board path as it is, a host path inside the
+    // board's directory as the board names it; empty for anything else.
+    std::string board_path;
+};
+// A file or directory to read.
+FileArg input_file(Context &ctx, const std::string &arg);
+// A file to write.
+FileArg output_file(Context &ctx, const std::string &arg);
+
+// Reads a whole file argument (input_file), or standard input for "-". False
+// (and "vexactl: cannot read PATH: REASON" on standard error) on failure.
+bool read_input(Context &ctx, const std::string &arg, std::string *bytes);
+// Writes bytes to a file argument (output_file), or to the command's output
+// for "-".
+bool write_output(Context &ctx, const std::string &arg, const std::string &bytes);
 
 // The error records (priority E) this process logs under a tag from now on:
 // how a command learns that a job the library reports as done failed, where

@@ -4,8 +4,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <system_error>
 
 #include "tools/vexactl/command.h"
 #include "tools/vexactl/parse.h"
@@ -125,9 +127,56 @@ size_t one_of(const std::string &text, const std::string &what, const std::vecto
     throw UsageError(what + " is " + (choices.size() > 1 ? "one of " : "") + list + ", not '" + text + "'");
 }
 
-bool read_input(const std::string &path, std::string *bytes)
+namespace {
+
+namespace fs = std::filesystem;
+
+// The board path that a host path inside the board's directory names
+// ("BOARD/vendor/etc/mcu/x.bin": "/vendor/etc/mcu/x.bin"), or "".
+std::string inside_board(Context &ctx, const std::string &host)
 {
-    if (path == "-") {
+    std::error_code ec;
+    const fs::path root = fs::weakly_canonical(ctx.board_root(), ec);
+    const fs::path path = fs::weakly_canonical(fs::absolute(host, ec), ec);
+    if (ec)
+        return {};
+    const fs::path rest = path.lexically_relative(root);
+    if (rest.empty() || *rest.begin() == "..")
+        return {};
+    return rest == "." ? "/" : "/" + rest.string();
+}
+
+FileArg place(Context &ctx, const std::string &arg, bool to_write)
+{
+    FileArg file;
+    if (arg == "-") {
+        file.where = FileArg::Where::standard;
+        return file;
+    }
+    std::error_code ec;
+    const std::string probe = to_write ? fs::path(arg).parent_path().string() : arg;
+    const bool on_host = fs::exists(probe.empty() ? "." : probe, ec);
+    if (!on_host && !arg.empty() && arg[0] == '/' && ctx.board().exists(to_write ? probe : arg)) {
+        file.where = FileArg::Where::board;
+        file.path = arg;
+        file.board_path = arg;
+        return file;
+    }
+    file.path = arg;
+    file.board_path = inside_board(ctx, arg);
+    return file;
+}
+
+} // namespace
+
+FileArg input_file(Context &ctx, const std::string &arg) { return place(ctx, arg, false); }
+
+FileArg output_file(Context &ctx, const std::string &arg) { return place(ctx, arg, true); }
+
+bool read_input(Context &ctx, const std::string &arg, std::string *bytes)
+{
+    const FileArg file = input_file(ctx, arg);
+    if (file.where == FileArg::Where::standard) {
         bytes->clear();
         char buf[65536];
         ssize_t n;
@@ -142,22 +191,32 @@ bool read_input(const std::string &path, std::string *bytes)
         }
         return true;
     }
-    std::ifstream in(path, std::ios::binary);
+    if (file.where == FileArg::Where::board) {
+        const auto read = ctx.board().folder().read(file.path);
+        if (!read) {
+            fail("cannot read %s: %s", arg.c_str(), std::strerror(errno));
+            return false;
+        }
+        *bytes = *read;
+        return true;
+    }
+    std::ifstream in(file.path, std::ios::binary);
     if (!in) {
-        fail("cannot read %s: %s", path.c_str(), std::strerror(errno));
+        fail("cannot read %s: %s", arg.c_str(), std::strerror(errno));
         return false;
     }
     bytes->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     if (in.bad()) {
-        fail("cannot read %s", path.c_str());
+        fail("cannot read %s", arg.c_str());
         return false;
     }
     return true;
 }
 
-bool write_output(Context &ctx, const std::string &path, const std::string &bytes)
+bool write_output(Context &ctx, const std::string &arg, const std::string &bytes)
 {
-    if (path == "-") {
+    const FileArg file = output_file(ctx, arg);
+    if (file.where == FileArg::Where::standard) {
         if (std::fwrite(bytes.data(), 1, bytes.size(), ctx.std_out) != bytes.size() ||
             std::fflush(ctx.std_out) != 0) {
             fail("cannot write standard output: %s", std::strerror(errno));
@@ -165,9 +224,18 @@ bool write_output(Context &ctx, const std::string &path, const std::string &byte
         }
         return true;
     }
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (file.where == FileArg::Where::board) {
+        try {
+            ctx.board().write_file(file.path, bytes);
+        } catch (const std::system_error &e) {
+            fail("cannot write %s: %s", arg.c_str(), std::strerror(e.code().value()));
+            return false;
+        }
+        return true;
+    }
+    std::ofstream out(file.path, std::ios::binary | std::ios::trunc);
     if (!out || !out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush()) {
-        fail("cannot write %s: %s", path.c_str(), std::strerror(errno));
+        fail("cannot write %s: %s", arg.c_str(), std::strerror(errno));
         return false;
     }
     return true;

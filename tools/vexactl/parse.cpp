@@ -4,25 +4,12 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace vexactl {
 
 namespace {
-
-// The options every command takes.
-const std::vector<Option> &global_options()
-{
-    static const std::vector<Option> options = {
-        text("board", "DIR", "the virtual board to act on (laid out on first use)"),
-        flag("json", "print tables and records as one JSON document"),
-        flag("quiet", "print nothing but errors").letter('q'),
-        flag("verbose", "show the library's own printed text (on standard error)").letter('v'),
-        flag("help", "print this help and exit").letter('h'),
-        flag("version", "print the version and exit"),
-    };
-    return options;
-}
 
 bool takes_value(const Option &option) { return option.kind != Option::Kind::flag; }
 
@@ -118,12 +105,66 @@ std::string wrapped(const std::string &text)
     return out;
 }
 
+// The edits that turn a into b: inserting, deleting or changing a character,
+// or swapping two neighbours (the optimal string alignment distance).
+size_t edit_distance(const std::string &a, const std::string &b)
+{
+    std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i)
+        d[i][0] = i;
+    for (size_t j = 0; j <= b.size(); ++j)
+        d[0][j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        for (size_t j = 1; j <= b.size(); ++j) {
+            const size_t change = a[i - 1] == b[j - 1] ? 0 : 1;
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + change});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+        }
+    }
+    return d[a.size()][b.size()];
+}
+
 std::string range_text(const Option &option)
 {
     return "a number from " + std::to_string(option.min) + " to " + std::to_string(option.max);
 }
 
 } // namespace
+
+const std::vector<Option> &global_options()
+{
+    static const std::vector<Option> options = {
+        text("board", "DIR", "the virtual board to act on (laid out on first use)"),
+        flag("json", "print tables and records as one JSON document"),
+        flag("quiet", "print nothing but errors").letter('q'),
+        flag("verbose", "show the library's own printed text (on standard error)").letter('v'),
+        flag("help", "print this help and exit").letter('h'),
+        flag("version", "print the version and exit"),
+    };
+    return options;
+}
+
+std::string overview_text(const std::string &default_board)
+{
+    return "Drives the board through libvexasdk. On a host the board is a virtual\n"
+           "board: a directory that holds its files and state. Without --board,\n"
+           "the default board is used: " +
+           default_board +
+           "\n"
+           "(set VEXA_BOARD to choose another). A board directory that does not\n"
+           "exist yet is laid out, and a line on standard error says so.";
+}
+
+std::string files_text()
+{
+    return "Every FILE, DIR or ARCHIVE argument is a path of this machine, relative to\n"
+           "the working directory ('-': standard input or output). The board is a\n"
+           "directory here, so its files lie under it (BOARD/vendor/etc/mcu/mcu_fw.bin).\n"
+           "An absolute path that this machine lacks (its directory, for a file to\n"
+           "write) is the board's when the board has it: /vendor/etc/mcu/mcu_fw.bin,\n"
+           "/syslog/logs, /sdcard/logs.tgz.";
+}
 
 Option flag(std::string name, std::string help)
 {
@@ -198,16 +239,44 @@ void print_usage(FILE *to)
                  "usage: vexactl [--board DIR] [--json] COMMAND [OPTIONS] [ARGS...]\n"
                  "       vexactl --version\n"
                  "\n"
-                 "Drives the board through libvexasdk. On a host the board is a virtual\n"
-                 "board: a directory that holds its files and state. Without --board,\n"
-                 "the default board is used: %s\n"
-                 "(set VEXA_BOARD to choose another).\n"
+                 "%s\n"
                  "\n"
                  "Commands:\n",
-                 vexa::sim::Board::default_root().c_str());
+                 overview_text(vexa::sim::Board::default_root()).c_str());
     for (auto &[name, command] : commands())
         std::fprintf(to, "  %-14s %s\n", name.c_str(), command.summary.c_str());
+    std::fprintf(to, "\nFiles:\n%s\n", files_text().c_str());
     std::fprintf(to, "\n'vexactl COMMAND --help' tells more.\n");
+}
+
+std::vector<std::string> nearest_commands(const std::string &word)
+{
+    // The one command the word begins (2 letters at least: "fact" is
+    // factory-reset).
+    std::vector<std::string> found;
+    if (word.size() >= 2)
+        for (auto &[name, command] : commands())
+            if (name.compare(0, word.size(), word) == 0)
+                found.push_back(name);
+    if (found.size() == 1)
+        return found;
+    // Else those fewest edits away, a slip of the fingers: one edit in a
+    // short word, one in three in a longer one.
+    found.clear();
+    const size_t most = std::max<size_t>(1, word.size() / 3);
+    size_t best = most;
+    for (auto &[name, command] : commands()) {
+        const size_t distance = edit_distance(word, name);
+        if (distance > most)
+            continue;
+        if (distance < best) {
+            best = distance;
+            found.clear();
+        }
+        if (distance == best)
+            found.push_back(name);
+    }
+    return found;
 }
 
 int parse_command_line(int argc, char **argv, CommandLine *line)
@@ -217,8 +286,12 @@ int parse_command_line(int argc, char **argv, CommandLine *line)
     if (at < argc) {
         auto it = commands().find(argv[at]);
         if (it == commands().end()) {
-            std::fprintf(errors(), "vexactl: unknown command '%s'\n", argv[at]);
-            print_usage(errors());
+            const std::vector<std::string> near = nearest_commands(argv[at]);
+            std::string guess;
+            for (size_t i = 0; i < near.size(); ++i)
+                guess += (i == 0 ? "" : i + 1 == near.size() ? " or " : ", ") + ("'" + near[i] + "'");
+            std::fprintf(errors(), "vexactl: unknown command '%s'%s\n'vexactl --help' lists the commands.\n",
+                         argv[at], near.empty() ? "" : ("; did you mean " + guess + "?").c_str());
             return 2;
         }
         line->command = &it->second;

@@ -3,6 +3,7 @@
 #define VEXACTL_PARSE_H
 
 #include <string>
+#include <vector>
 
 #include "tools/vexactl/command.h"
 
@@ -24,6 +25,19 @@ struct CommandLine {
 // command named on the line. Returns 0, or 2 after printing what is wrong
 // with the line on standard error.
 int parse_command_line(int argc, char **argv, CommandLine *line);
+
+// The options every command takes (--board, --json, --help, --version).
+const std::vector<Option> &global_options();
+
+// What the top of 'vexactl --help' says of the board and of file arguments,
+// wrapped; default_board is where the default board lives.
+std::string overview_text(const std::string &default_board);
+std::string files_text();
+
+// The commands a mistyped word most likely meant, in the registry's order:
+// the one command it begins, or those fewest edits away (at most one edit in
+// three letters); none when nothing is near.
+std::vector<std::string> nearest_commands(const std::string &word);
 
 // The usage line of a command, and its whole --help text.
 std::string usage_line(const Command &command);
