@@ -101,7 +101,8 @@ Board::State::State() = default;
 
 Board::State::~State()
 {
-    // The host's threads call into the models: they stop first.
+    // The host's threads and the timers call into the models: they stop first.
+    timers.stop();
     host.reset();
     link.reset();
     if (temporary) {
@@ -1014,6 +1015,6 @@ uint64_t Board::now_ns() const
            static_cast<uint64_t>(state_->clock_offset_ns.load());
 }
 
-void Board::advance_clock(uint64_t ns) const { state_->clock_offset_ns += static_cast<int64_t>(ns); }
+void Board::advance_clock(uint64_t ns) const { advance_board_clock(*state_, ns); }
 
 } // namespace vexa::sim

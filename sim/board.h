@@ -340,8 +340,16 @@ public:
     bool fast_clock() const;
     void set_fast_clock(bool on) const;
     uint64_t now_ns() const;
-    // Moves the board clock on, as a sleep of ns would with a fast clock.
+    // Moves the board clock on, as a sleep of ns would with a fast clock
+    // (the timers it passes fire before it returns).
     void advance_clock(uint64_t ns) const;
+    // Calls fn once the board's clock reaches at_ns (see sim/board_clock.h:
+    // with a fast clock in the thread that moves the clock past it, in real
+    // time on the board's timer thread); returns the timer's id. A model's
+    // timer lives where the model does, in the board's host.
+    uint64_t set_timer(uint64_t at_ns, std::function<void()> fn) const;
+    // Takes a timer back; false when it has fired or never was.
+    bool cancel_timer(uint64_t id) const;
 
     struct State;
 

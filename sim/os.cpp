@@ -349,7 +349,7 @@ int poll(struct pollfd *fds, nfds_t nfds, int timeout_ms)
         const uint64_t waited = real_monotonic_ns() - start;
         const uint64_t whole = static_cast<uint64_t>(timeout_ms) * 1000000u;
         if (whole > waited)
-            s.clock_offset_ns += static_cast<int64_t>(whole - waited);
+            sim::advance_board_clock(s, whole - waited);
     }
     return ready;
 }
@@ -558,7 +558,7 @@ void sleep_us(uint64_t us)
 {
     auto state = sim::attached();
     if (state && state->fast) {
-        state->clock_offset_ns += static_cast<int64_t>(us * 1000);
+        sim::advance_board_clock(*state, us * 1000);
         return;
     }
     // The board's timer keeps its sleeps to the microsecond, as the

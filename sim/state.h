@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "sim/board.h"
+#include "sim/board_clock.h"
 #include "sim/folder.h"
 #include "sim/journal.h"
 
@@ -74,6 +75,10 @@ struct Board::State {
     // Replaced whole when one is added, so a drive copies no watcher.
     std::shared_ptr<const std::vector<Board::LineWatcher>> line_watchers =
         std::make_shared<std::vector<Board::LineWatcher>>();
+
+    // Timers on the board's clock (sim/board_clock.h); last, so that their
+    // thread ends before anything it may reach.
+    BoardTimers timers;
 
     State();
     ~State();
@@ -156,6 +161,19 @@ void notify_line_watchers(Board::State &s, const GpioRecord &record);
 // Calls the file watchers of this process with the file's contents now.
 void notify_file_watchers(Board::State &s, const std::string &board_path);
 bool has_file_watcher(Board::State &s, const std::string &board_path);
+
+// The board's clock (sim/board_clock.h): the time now; a fast clock moved on
+// (firing the timers it passes; in real time the timer thread looks again);
+// a device operation that takes ns (a fast clock moves on, in real time the
+// caller waits); a timer that calls fn once the clock reaches at_ns (its id,
+// for cancel_board_timer).
+uint64_t board_now_ns(const Board::State &s);
+void advance_board_clock(Board::State &s, uint64_t ns);
+void take_board_time(Board::State &s, uint64_t ns);
+uint64_t set_board_timer(Board::State &s, uint64_t at_ns, std::function<void()> fn);
+// A timer ns from now.
+uint64_t set_board_timer_in(Board::State &s, uint64_t ns, std::function<void()> fn);
+bool cancel_board_timer(Board::State &s, uint64_t id);
 
 // A knob's value in force (Board::knob), for models that keep the state.
 std::string knob_value(Board::State &s, const std::string &name);

@@ -91,7 +91,8 @@ private:
     std::shared_ptr<FpgaModel> model_;
 };
 
-// "/dev/mtd0" as the MTD character device of a NOR flash.
+// "/dev/mtd0" as the MTD character device of a NOR flash: an erase and a
+// write take the flash's time.
 class NorNode : public DeviceModel {
 public:
     explicit NorNode(std::shared_ptr<FpgaModel> model) : model_(std::move(model)) {}
@@ -103,16 +104,16 @@ public:
     ssize_t write(int fd, const void *buf, size_t count) override
     {
         const off_t at = ::lseek(fd, 0, SEEK_CUR);
-        const ssize_t n = program(fd, buf, count, at);
+        const ssize_t n = program(buf, count, at);
         if (n > 0)
             ::lseek(fd, at + n, SEEK_SET);
         return n;
     }
-    ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset) override
+    ssize_t pwrite(int, const void *buf, size_t count, off_t offset) override
     {
-        return program(fd, buf, count, offset);
+        return program(buf, count, offset);
     }
-    int ioctl(int fd, unsigned long request, void *arg) override
+    int ioctl(int, unsigned long request, void *arg) override
     {
         if (request == MEMGETINFO) {
             auto *info = static_cast<mtd_info_user *>(arg);
@@ -126,13 +127,11 @@ public:
         }
         if (request == MEMERASE) {
             const auto *erase = static_cast<const erase_info_user *>(arg);
-            if (uint64_t(erase->start) + erase->length > FpgaModel::kFlashSize ||
-                erase->start % FpgaModel::kEraseSize || erase->length % FpgaModel::kEraseSize) {
+            if (!model_->nor_erase(erase->start, erase->length)) {
                 errno = EINVAL;
                 return -1;
             }
-            const std::vector<uint8_t> erased(erase->length, 0xFF);
-            return ::pwrite(fd, erased.data(), erased.size(), erase->start) == ssize_t(erased.size()) ? 0 : -1;
+            return 0;
         }
         errno = ENOTTY;
         return -1;
@@ -140,19 +139,18 @@ public:
 
 private:
     // A write can only clear bits; it stops at the end of the device.
-    static ssize_t program(int fd, const void *buf, size_t count, off_t at)
+    ssize_t program(const void *buf, size_t count, off_t at)
     {
         if (at < 0 || size_t(at) >= FpgaModel::kFlashSize) {
             errno = ENOSPC;
             return count ? -1 : 0;
         }
         const size_t n = std::min(count, FpgaModel::kFlashSize - size_t(at));
-        std::vector<uint8_t> cells(n);
-        if (::pread(fd, cells.data(), n, at) != ssize_t(n))
+        if (!model_->nor_program(size_t(at), static_cast<const uint8_t *>(buf), n)) {
+            errno = EIO;
             return -1;
-        for (size_t i = 0; i < n; ++i)
-            cells[i] &= static_cast<const uint8_t *>(buf)[i];
-        return ::pwrite(fd, cells.data(), n, at);
+        }
+        return ssize_t(n);
     }
     std::shared_ptr<FpgaModel> model_;
 };

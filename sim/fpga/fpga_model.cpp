@@ -34,6 +34,7 @@ constexpr const char *kStateFile = "/.board/fpga/state";
 constexpr const char *kProgramFile = "/.board/fpga/program.bin";
 constexpr const char *kCardsFile = "/.board/fpga/cards";
 constexpr const char *kPhyLinkFile = "/sys/class/ethernet/vexaphyreg";
+constexpr const char *kPhyRegFile = "/sys/class/ethernet/phyreg";
 constexpr const char *kModules = "/proc/modules";
 constexpr const char *kMacDriver = "dwmac_meson8b";
 constexpr size_t kLoadImageSize = 819200;
@@ -119,19 +120,17 @@ const uint8_t kStatusInForce[] = {0, 3, 0, 1}; // bytes 22-25
 
 // ---- knobs ----
 
-const std::vector<std::pair<std::string, std::string>> &fpga_knob_keys()
+bool parse_fpga_ms(const std::string &text, uint64_t *ns)
 {
-    static const std::vector<std::pair<std::string, std::string>> keys = {
-        {"done", "normal|never|stuck_high"}, {"spi", "ok|fail"},
-        {"cards", "N"},                      {"silent_ports", "P,P,..."},
-        {"sgmii_clock", "ok|never"},         {"negotiation", "ok|never"},
-        {"phy_link", "auto|up|down"},        {"tag_update", "ok|stuck"},
-        {"source_mode", "0xNN"},             {"source", "hdmi|dvi|none"},
-        {"ddr", "good|bad|recovers"},        {"status", "ok|never"},
-        {"net_outputs", "ok|stuck"},         {"udp", "ok|silent"},
-        {"mtd_cut", "BYTES"},
-    };
-    return keys;
+    if (text.empty())
+        return false;
+    char *end = nullptr;
+    errno = 0;
+    const double ms = std::strtod(text.c_str(), &end);
+    if (*end != '\0' || errno != 0 || !(ms >= 0) || ms > 60000)
+        return false;
+    *ns = uint64_t(ms * 1e6 + 0.5);
+    return true;
 }
 
 FpgaKnobs parse_fpga_knobs(const std::string &text)
@@ -156,8 +155,22 @@ FpgaKnobs parse_fpga_knobs(const std::string &text)
                 k.done = FpgaKnobs::Done::stuck_high;
         } else if (key == "spi") {
             k.spi_fails = value == "fail";
-        } else if (key == "cards" && parse_number(value, &n) && n >= 0 && n <= 64) {
-            k.cards = int(n);
+        } else if (key == "spi_bufsiz" && parse_number(value, &n) && n > 0 && n <= (1 << 24)) {
+            k.spi_bufsiz = size_t(n);
+        } else if (key == "cards") {
+            std::vector<int> counts;
+            std::istringstream ports(value);
+            std::string count;
+            while (std::getline(ports, count, ','))
+                if (parse_number(trim(count), &n) && n >= 0 && n <= 64)
+                    counts.push_back(int(n));
+                else
+                    counts.push_back(-1);
+            if (counts.size() == 1 && counts[0] >= 0)
+                k.cards.fill(counts[0]);
+            else if (counts.size() == k.cards.size() &&
+                     std::none_of(counts.begin(), counts.end(), [](int c) { return c < 0; }))
+                std::copy(counts.begin(), counts.end(), k.cards.begin());
         } else if (key == "silent_ports") {
             std::istringstream ports(value);
             std::string port;
@@ -192,6 +205,16 @@ FpgaKnobs parse_fpga_knobs(const std::string &text)
             k.udp_silent = value == "silent";
         } else if (key == "mtd_cut" && parse_number(value, &n) && n >= 0) {
             k.mtd_cut = n;
+        } else if (key == "config_ms") {
+            parse_fpga_ms(value, &k.config_ns);
+        } else if (key == "erase_ms") {
+            parse_fpga_ms(value, &k.erase_ns);
+        } else if (key == "page_program_ms") {
+            parse_fpga_ms(value, &k.page_program_ns);
+        } else if (key == "negotiation_ms") {
+            parse_fpga_ms(value, &k.negotiation_ns);
+        } else if (key == "card_reply_ms") {
+            parse_fpga_ms(value, &k.card_reply_ns);
         }
     }
     return k;
@@ -252,8 +275,8 @@ FpgaKnobs FpgaModel::knobs() const
     // The board's "fpga.KEY" knobs, parsed again whenever one changed.
     std::string text;
     if (auto s = state_.lock())
-        for (const auto &[key, values] : fpga_knob_keys())
-            text += key + "=" + knob_value(*s, "fpga." + key) + "\n";
+        for (const FpgaKnob &k : fpga_knobs())
+            text += k.key + "=" + knob_value(*s, "fpga." + k.key) + "\n";
     std::lock_guard<std::mutex> lock(knobs_mu_);
     if (text != knobs_stamp_) {
         knobs_ = parse_fpga_knobs(text);
@@ -262,12 +285,35 @@ FpgaKnobs FpgaModel::knobs() const
     return knobs_;
 }
 
+uint64_t FpgaModel::now() const
+{
+    auto s = state_.lock();
+    return s ? board_now_ns(*s) : 0;
+}
+
+void FpgaModel::after(uint64_t ns, const uint64_t *generation, void (FpgaModel::*fn)())
+{
+    auto s = state_.lock();
+    if (!s)
+        return;
+    std::weak_ptr<FpgaModel> weak = weak_from_this();
+    const uint64_t expected = *generation;
+    set_board_timer_in(*s, ns, [weak, generation, expected, fn] {
+        auto self = weak.lock();
+        if (!self)
+            return;
+        std::lock_guard<std::recursive_mutex> lock(self->mu_);
+        if (*generation == expected)
+            ((*self).*fn)();
+    });
+}
+
 void FpgaModel::advance_bus(size_t bytes)
 {
     // The transfer's time on the bus counts on a fast clock, so that a wait
     // paced by transfers ends in board time, not in real seconds.
     if (auto s = state_.lock(); s && s->fast)
-        s->clock_offset_ns += int64_t(kTransferNs + bytes * kBusNsPerByte);
+        advance_board_clock(*s, kTransferNs + bytes * kBusNsPerByte);
 }
 
 void FpgaModel::restore()
@@ -287,6 +333,10 @@ void FpgaModel::restore()
     if (configured_) {
         program_ = *program;
         wire::parse_tags(program_.data(), program_.size(), tag_.data());
+    }
+    if (!values["last_load"].empty()) {
+        last_load_ = values["last_load"];
+        last_load_result_ = std::atoi(values["last_load_result"].c_str());
     }
     persisted_ = read_host(Folder(root_), kStateFile);
     // The cards' registers: "PORT CARD ADDRESS HEXBYTES", a run of bytes a line.
@@ -310,13 +360,17 @@ void FpgaModel::restore()
     phy_text_ = read_host(Folder(root_), kPhyLinkFile);
     const std::string reset = read_host(Folder(root_), "/sys/class/vexagpios/RTL8211FS_RSTN/value");
     phy_in_reset_ = !reset.empty() && reset[0] == '0';
+    // The PHY's set-up is not kept: a host that starts again finds it as
+    // after a power cycle, with the link as the board last showed it.
+    phy_.set_link(phy_text_.find("0x907") != std::string::npos);
 }
 
 void FpgaModel::persist()
 {
     std::ostringstream out;
     out << "configured=" << configured_ << "\nnegotiated=" << negotiated_ << "\noutputs=" << outputs_on_
-        << "\ngmac_udp=" << gmac_udp_ << "\nddr=" << ddr_ok_ << "\n";
+        << "\ngmac_udp=" << gmac_udp_ << "\nddr=" << ddr_ok_ << "\nlast_load=" << last_load_
+        << "\nlast_load_result=" << last_load_result_ << "\n";
     if (out.str() != persisted_) {
         persisted_ = out.str();
         write_host(Folder(root_), kStateFile, persisted_);
@@ -357,6 +411,7 @@ void FpgaModel::clear_fpga_state()
 {
     pages_.clear();
     negotiated_ = false;
+    ++negotiation_generation_;
     tx_asserted_ = rx_asserted_ = false;
     tx_level_ = rx_level_ = 1;
     status_ready_ = false;
@@ -364,15 +419,18 @@ void FpgaModel::clear_fpga_state()
     card_frame_.clear();
     card_reply_.clear();
     card_status_ = 0;
+    ++card_generation_;
     update_open_ = false;
     update_pieces_.clear();
 }
 
-bool FpgaModel::configure(const std::vector<uint8_t> &image, const char *)
+bool FpgaModel::configure(const std::vector<uint8_t> &image, const char *from)
 {
     const FpgaKnobs k = knobs();
     auto program = wire::valid_program(image.data(), image.size());
     clear_fpga_state();
+    configuring_ = false;
+    ++config_generation_;
     configured_ = program.has_value() && k.done != FpgaKnobs::Done::never;
     program_changed_ = true;
     program_.clear();
@@ -382,6 +440,8 @@ bool FpgaModel::configure(const std::vector<uint8_t> &image, const char *)
         wire::parse_tags(program_.data(), program_.size(), tag_.data());
         ddr_ok_ = k.ddr == FpgaKnobs::Ddr::good;
     }
+    last_load_ = from;
+    last_load_result_ = configured_ ? 0 : program ? -ETIMEDOUT : -EINVAL;
     sync_done();
     sync_phy();
     persist();
@@ -391,6 +451,8 @@ bool FpgaModel::configure(const std::vector<uint8_t> &image, const char *)
 void FpgaModel::reset_fpga()
 {
     clear_fpga_state();
+    configuring_ = false;
+    ++config_generation_;
     configured_ = false;
     program_changed_ = !program_.empty();
     program_.clear();
@@ -398,6 +460,25 @@ void FpgaModel::reset_fpga()
     sync_done();
     sync_phy();
     persist();
+}
+
+void FpgaModel::start_configuration(const char *from)
+{
+    // The FPGA reads its program from the flash for the part's configuration
+    // time; done rises at the end. Off its flash it finds nothing.
+    reset_fpga();
+    configuring_ = true;
+    configuring_from_ = from;
+    after(knobs().config_ns, &config_generation_, &FpgaModel::configuration_ends);
+}
+
+void FpgaModel::configuration_ends()
+{
+    configuring_ = false;
+    if (control_level_)
+        configure_from_flash();
+    else
+        configure({}, configuring_from_.c_str());
 }
 
 void FpgaModel::configure_from_flash()
@@ -415,7 +496,7 @@ void FpgaModel::configure_from_flash()
                     off_t(wire::kProgramHeaderSize)) != ssize_t(*size))
             image.resize(wire::kProgramHeaderSize);
     }
-    configure(image, "flash");
+    configure(image, configuring_from_.c_str());
 }
 
 // ---- lines ----
@@ -431,15 +512,24 @@ void FpgaModel::observe_line(int id, int level)
                 drive_line_from_model(*s, pins_.done, done_level_, "in");
         return;
     }
-    int *pin = id == pins_.control ? &control_level_ : id == pins_.config ? &config_level_ : nullptr;
-    if (pin == nullptr || id < 0)
+    if (id < 0)
         return;
-    const int before = *pin;
-    *pin = level ? 1 : 0;
-    if (before && !*pin)
-        reset_fpga();
-    else if (!before && *pin && control_level_ && config_level_)
-        configure_from_flash();
+    level = level ? 1 : 0;
+    if (id == pins_.control) {
+        // Off its flash a configured FPGA runs on; one that was reading its
+        // program loses it.
+        if (control_level_ && !level && configuring_)
+            configure({}, configuring_from_.c_str());
+        control_level_ = level;
+    } else if (id == pins_.config) {
+        // Low holds the FPGA in reset; the rising edge configures it.
+        const int before = config_level_;
+        config_level_ = level;
+        if (before && !level)
+            reset_fpga();
+        else if (!before && level)
+            start_configuration("flash");
+    }
 }
 
 // ---- registers ----
@@ -527,16 +617,17 @@ void FpgaModel::write_regs(uint32_t address, const uint8_t *data, size_t n)
         if (*level == 0) {
             *asserted = true;
             negotiated_ = false;
+            ++negotiation_generation_;
         }
         changed = true;
     }
     if (changed && tx_level_ == 1 && rx_level_ == 1 && tx_asserted_ && rx_asserted_) {
         // Both resets released after a pulse: the link negotiates when the
-        // clock runs and the PHY is ready in SGMII mode.
+        // clock runs and the PHY is ready in SGMII mode, and takes its time.
         tx_asserted_ = rx_asserted_ = false;
-        auto mode = phy_regs_.find({0xd08, 0x10});
-        negotiated_ = !k.negotiation_never && !k.clock_never && !phy_in_reset_ && driver_loaded() &&
-                      mode != phy_regs_.end() && mode->second == 0x5e;
+        ++negotiation_generation_;
+        if (!k.negotiation_never && !k.clock_never && !phy_in_reset_ && driver_loaded() && phy_.sgmii_mode())
+            after(k.negotiation_ns, &negotiation_generation_, &FpgaModel::negotiation_ends);
     }
     if (covers(wire::kDdrReset) && value(wire::kDdrReset) == 1 && k.ddr == FpgaKnobs::Ddr::recovers)
         ddr_ok_ = true;
@@ -572,20 +663,35 @@ void FpgaModel::window_frame(const uint8_t *buf, size_t n)
 
 void FpgaModel::send_card_frame()
 {
+    // The frame goes out on its port; the reply, if a card gives one, comes
+    // back after the card's reply time.
     const FpgaKnobs k = knobs();
     card_status_ = 0x04;
     card_reply_.clear();
-    const auto frame = wire::decode_card_frame(card_frame_.data(), card_frame_.size());
-    if (!frame || frame->port >= kPorts || k.silent_ports.count(frame->port) || k.cards <= 0)
-        return; // nobody answers
+    ++card_generation_;
+    card_sent_ = card_frame_;
+    const auto frame = wire::decode_card_frame(card_sent_.data(), card_sent_.size());
+    if (!frame || frame->port >= kPorts || k.cards[frame->port] <= 0)
+        return; // no such port, or no card on it
     if (frame->write) {
-        for (int card = 0; card < k.cards; ++card) {
+        for (int card = 0; card < k.cards[frame->port]; ++card) {
             auto &regs = cards_[{frame->port, card}];
             for (size_t i = 0; i < frame->data.size(); ++i)
                 regs[frame->address + uint32_t(i)] = frame->data[i];
         }
         persist_cards();
-    } else {
+    }
+    if (k.silent_ports.count(frame->port))
+        return;
+    after(k.card_reply_ns, &card_generation_, &FpgaModel::card_answers);
+}
+
+void FpgaModel::card_answers()
+{
+    const auto frame = wire::decode_card_frame(card_sent_.data(), card_sent_.size());
+    if (!frame)
+        return;
+    if (!frame->write) {
         const auto &regs = cards_[{frame->port, 0}];
         for (uint32_t i = 0; i < frame->length; ++i) {
             auto it = regs.find(frame->address + i);
@@ -603,7 +709,7 @@ void FpgaModel::update_mailbox(uint16_t offset, const uint8_t *buf, size_t n)
         if (buf[3] == 1)
             reset_fpga();
         else if (buf[3] == 0)
-            configure_from_flash();
+            start_configuration("update");
         return;
     }
     if (!configured_)
@@ -635,12 +741,28 @@ void FpgaModel::update_mailbox(uint16_t offset, const uint8_t *buf, size_t n)
             return;
         if (knobs().tag_stuck)
             return; // the FPGA keeps its old program
-        const std::string image =
-            wire::make_program(tags_of(update_tag_), std::string(payload.begin(), payload.end()));
-        const size_t erase = (image.size() + kEraseSize - 1) / kEraseSize * kEraseSize;
-        ensure_flash_locked();
-        flash_erase(0, erase);
-        flash_program(0, reinterpret_cast<const uint8_t *>(image.data()), image.size(), -1);
+        // The FPGA erases and writes its flash on its own, in the time the
+        // flash takes, while the SoC waits.
+        update_image_ = wire::make_program(tags_of(update_tag_), std::string(payload.begin(), payload.end()));
+        const size_t blocks = (update_image_.size() + kEraseSize - 1) / kEraseSize;
+        const size_t pages = (update_image_.size() + kPageSize - 1) / kPageSize;
+        const FpgaKnobs k = knobs();
+        after(blocks * k.erase_ns + pages * k.page_program_ns, &config_generation_, &FpgaModel::update_written);
+    }
+}
+
+void FpgaModel::update_written()
+{
+    ensure_flash_locked();
+    std::lock_guard<std::mutex> flash(flash_mu_);
+    const Descriptor fd(Folder(root_).open("/dev/mtd0", O_RDWR));
+    if (!fd)
+        return;
+    // Erased, then programmed: the image lands on 0xFF cells as it is.
+    std::string cells = update_image_;
+    cells.resize((cells.size() + kEraseSize - 1) / kEraseSize * kEraseSize, char(0xFF));
+    if (::pwrite(fd.get(), cells.data(), cells.size(), 0) != ssize_t(cells.size())) {
+        // the flash file failed: the old program stays as far as it was kept
     }
 }
 
@@ -677,12 +799,11 @@ void FpgaModel::persist_cards() const
 int FpgaModel::spi(const std::string &node, char kind, uint8_t *buf, size_t n)
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
-    uint64_t now = 0;
-    if (auto s = state_.lock()) {
-        struct timespec ts;
-        ::clock_gettime(CLOCK_MONOTONIC, &ts);
-        now = uint64_t(ts.tv_sec) * 1000000000u + uint64_t(ts.tv_nsec) + uint64_t(s->clock_offset_ns.load());
-    }
+    // The driver copies a transfer into its buffer first: a longer one never
+    // reaches the bus.
+    if (n > knobs().spi_bufsiz)
+        return -EMSGSIZE;
+    const uint64_t now = this->now();
     if (transfers_.size() >= kRecordMax)
         transfers_.erase(transfers_.begin(), transfers_.begin() + kRecordMax / 2);
     transfers_.push_back({node, kind, std::vector<uint8_t>(buf, buf + n), now});
@@ -774,40 +895,70 @@ void FpgaModel::ensure_flash_locked()
     write_host(folder, "/dev/mtd0", image);
 }
 
-bool FpgaModel::flash_erase(size_t offset, size_t n)
+bool FpgaModel::nor_erase(size_t offset, size_t n)
 {
     if (offset % kEraseSize || n % kEraseSize || offset > kFlashSize || n > kFlashSize - offset)
         return false;
+    const uint64_t block_ns = knobs().erase_ns;
+    flash_file();
+    auto s = state_.lock();
+    std::lock_guard<std::mutex> flash(flash_mu_);
     const Descriptor fd(Folder(root_).open("/dev/mtd0", O_WRONLY));
     if (!fd)
         return false;
+    flash_done_ = 0;
+    flash_total_ = n / kEraseSize;
+    flash_op_ = 'e';
     const std::vector<uint8_t> erased(kEraseSize, 0xFF);
     bool ok = true;
-    for (size_t at = offset; at < offset + n && ok; at += kEraseSize)
+    for (size_t at = offset; at < offset + n && ok; at += kEraseSize) {
+        // The block reads erased only once its erase has run.
+        if (s)
+            take_board_time(*s, block_ns);
         ok = ::pwrite(fd.get(), erased.data(), erased.size(), off_t(at)) == ssize_t(erased.size());
+        ++flash_done_;
+    }
+    flash_op_ = 0;
     return ok;
 }
 
-bool FpgaModel::flash_program(size_t offset, const uint8_t *data, size_t n, long long cut)
+bool FpgaModel::nor_program(size_t offset, const uint8_t *data, size_t n, long long cut)
 {
     if (offset > kFlashSize || n > kFlashSize - offset)
         return false;
+    const uint64_t page_ns = knobs().page_program_ns;
     const size_t take = cut >= 0 && size_t(cut) < n ? size_t(cut) : n;
+    flash_file();
+    auto s = state_.lock();
+    std::lock_guard<std::mutex> flash(flash_mu_);
     const Descriptor fd(Folder(root_).open("/dev/mtd0", O_RDWR));
     if (!fd)
         return false;
-    std::vector<uint8_t> cells(take);
-    bool ok = ::pread(fd.get(), cells.data(), take, off_t(offset)) == ssize_t(take);
-    // NOR: programming can only clear bits.
-    for (size_t i = 0; ok && i < take; ++i)
-        cells[i] &= data[i];
-    ok = ok && ::pwrite(fd.get(), cells.data(), take, off_t(offset)) == ssize_t(take);
+    // The write goes page by page: a page program covers what of the data
+    // falls within one 256-byte page.
+    flash_done_ = 0;
+    flash_total_ = n ? (offset + n - 1) / kPageSize - offset / kPageSize + 1 : 0;
+    flash_op_ = 'w';
+    bool ok = true;
+    for (size_t at = 0; at < take && ok;) {
+        const size_t run = std::min(take - at, kPageSize - (offset + at) % kPageSize);
+        if (s)
+            take_board_time(*s, page_ns);
+        uint8_t cells[kPageSize];
+        ok = ::pread(fd.get(), cells, run, off_t(offset + at)) == ssize_t(run);
+        // NOR: programming can only clear bits.
+        for (size_t i = 0; ok && i < run; ++i)
+            cells[i] &= data[at + i];
+        ok = ok && ::pwrite(fd.get(), cells, run, off_t(offset + at)) == ssize_t(run);
+        at += run;
+        ++flash_done_;
+    }
+    flash_op_ = 0;
     return ok && take == n;
 }
 
 CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
 {
-    std::lock_guard<std::recursive_mutex> lock(mu_);
     const CommandResult usage{1 << 8, "usage: mtd_debug info <device>\n"
                                       "       mtd_debug read <device> <offset> <len> <dest-filename>\n"
                                       "       mtd_debug write <device> <offset> <len> <source-filename>\n"
@@ -817,7 +968,7 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
     const std::string &op = argv[1];
     if (argv[2] != "/dev/mtd0")
         return {1 << 8, "open(): No such file or directory\n"};
-    ensure_flash_locked();
+    flash_file();
     char line[256];
     if (op == "info" && argv.size() == 3) {
         std::snprintf(line, sizeof line,
@@ -831,7 +982,7 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
         offset < 0 || len < 0)
         return usage;
     if (op == "erase" && argv.size() == 5) {
-        if (!flash_erase(size_t(offset), size_t(len)))
+        if (!nor_erase(size_t(offset), size_t(len)))
             return {1 << 8, "MEMERASE: Invalid argument\n"};
         std::snprintf(line, sizeof line, "Erased %lld bytes from address 0x%.8llx in flash\n", len, offset);
         return {0, line};
@@ -846,9 +997,13 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
     const Folder folder(root_);
     if (op == "read") {
         std::string data(static_cast<size_t>(len), '\0');
-        const Descriptor flash(folder.open("/dev/mtd0", O_RDONLY));
-        if (!flash || ::pread(flash.get(), data.data(), data.size(), off_t(offset)) != ssize_t(data.size()))
-            return {1 << 8, "read(): Input/output error\n"};
+        {
+            std::lock_guard<std::mutex> busy(flash_mu_);
+            const Descriptor flash(folder.open("/dev/mtd0", O_RDONLY));
+            if (!flash ||
+                ::pread(flash.get(), data.data(), data.size(), off_t(offset)) != ssize_t(data.size()))
+                return {1 << 8, "read(): Input/output error\n"};
+        }
         if (write_host(folder, file, data) != 0)
             return {1 << 8, std::string("open(): ") + std::strerror(errno) + "\n"};
         std::snprintf(line, sizeof line, "Copied %lld bytes from address 0x%.8llx in flash to %s\n", len,
@@ -861,8 +1016,8 @@ CommandResult FpgaModel::mtd_debug(const std::vector<std::string> &argv)
     const std::string &source = *read;
     if (source.size() < size_t(len))
         return {1 << 8, "file_to_flash: short read\n"};
-    if (!flash_program(size_t(offset), reinterpret_cast<const uint8_t *>(source.data()), size_t(len),
-                       knobs().mtd_cut))
+    if (!nor_program(size_t(offset), reinterpret_cast<const uint8_t *>(source.data()), size_t(len),
+                     knobs().mtd_cut))
         return {1 << 8, "write(): Input/output error\n"};
     std::snprintf(line, sizeof line, "Copied %lld bytes from %s to address 0x%.8llx in flash\n", len,
                   file.c_str(), offset);
@@ -884,16 +1039,25 @@ bool FpgaModel::driver_loaded() const
 void FpgaModel::sync_phy()
 {
     const FpgaKnobs k = knobs();
-    auto mode = phy_regs_.find({0xd08, 0x10});
-    const bool sgmii = mode != phy_regs_.end() && mode->second == 0x5e;
-    bool link = configured_ && !phy_in_reset_ && negotiated_ && sgmii && driver_loaded();
+    bool link = configured_ && !phy_in_reset_ && negotiated_ && phy_.sgmii_mode() && driver_loaded();
     if (k.phy_link != FpgaKnobs::Link::automatic)
         link = k.phy_link == FpgaKnobs::Link::up;
+    phy_.set_link(link && !phy_in_reset_);
     const std::string text = link ? "0x907\n" : phy_in_reset_ ? "0x0\n" : "0x902\n";
     if (text != phy_text_) {
         phy_text_ = text;
         write_host(Folder(root_), kPhyLinkFile, text);
     }
+}
+
+void FpgaModel::negotiation_ends()
+{
+    const FpgaKnobs k = knobs();
+    if (!configured_ || k.clock_never || k.negotiation_never || phy_in_reset_)
+        return;
+    negotiated_ = true;
+    sync_phy();
+    persist();
 }
 
 void FpgaModel::phy_reset_written(const std::string &contents)
@@ -904,9 +1068,9 @@ void FpgaModel::phy_reset_written(const std::string &contents)
     for (char c : contents) {
         if (c == '0') {
             phy_in_reset_ = true;
-            phy_regs_.clear();
-            phy_page_ = 0;
+            phy_.reset();
             negotiated_ = false;
+            ++negotiation_generation_;
         } else if (c == '1') {
             phy_in_reset_ = false;
         } else {
@@ -923,21 +1087,36 @@ void FpgaModel::phy_reset_written(const std::string &contents)
 void FpgaModel::phyreg_written(const std::string &contents)
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
-    if (phy_in_reset_)
+    // What the driver shows of the last read: the model's own text coming
+    // back through the watcher is not a command.
+    if (contents == phyreg_text_)
         return;
     std::istringstream in(contents);
-    std::string line;
+    std::string line, shown;
     while (std::getline(in, line)) {
         std::istringstream words(line);
-        std::string op, reg_text, value_text;
-        words >> op >> reg_text >> value_text;
+        std::string op, reg_text, value_text, extra;
+        words >> op >> reg_text >> value_text >> extra;
         long long reg = 0, value = 0;
-        if (op != "w" || !parse_number(reg_text, &reg) || !parse_number(value_text, &value))
+        if (!extra.empty() || !parse_number(reg_text, &reg) || reg < 0 || reg > 0xFFFF)
             continue;
-        if (reg == 0x1f)
-            phy_page_ = uint16_t(value);
-        else
-            phy_regs_[{phy_page_, uint16_t(reg)}] = uint16_t(value);
+        if (op == "w" && parse_number(value_text, &value) && value >= 0 && value <= 0xFFFF) {
+            // A PHY held in reset does not answer on the management bus.
+            if (!phy_in_reset_)
+                phy_.write(uint16_t(reg), uint16_t(value));
+        } else if (op == "r" && value_text.empty()) {
+            // The management bus reads all ones where no PHY answers.
+            const auto v = phy_in_reset_ ? std::optional<uint16_t>(0xFFFF) : phy_.read(uint16_t(reg));
+            if (!v)
+                continue;
+            char text[64];
+            std::snprintf(text, sizeof text, "page 0x%x reg 0x%llx: 0x%04x\n", phy_.page(), reg, *v);
+            shown = text;
+        }
+    }
+    if (!shown.empty()) {
+        phyreg_text_ = shown;
+        write_host(Folder(root_), kPhyRegFile, shown);
     }
     sync_phy();
 }
@@ -1120,14 +1299,33 @@ void FpgaModel::clear_record()
     hal_loads_ = 0;
 }
 
-std::string FpgaModel::state_text() const
+std::optional<uint16_t> FpgaModel::phy_register(uint16_t reg) const
 {
     std::lock_guard<std::recursive_mutex> lock(mu_);
+    if (phy_in_reset_)
+        return 0xFFFF;
+    return phy_.read(reg);
+}
+
+std::string FpgaModel::state_text() const
+{
+    const FpgaKnobs k = knobs();
+    std::lock_guard<std::recursive_mutex> lock(mu_);
     std::ostringstream out;
-    out << "configured=" << configured_ << "\nprogram_bytes=" << program_.size()
+    out << "configured=" << configured_ << "\nconfiguring=" << configuring_ << "\nprogram_bytes=" << program_.size()
         << "\ntag=" << (configured_ ? hex_bytes(tag_.data(), tag_.size()) : "") << "\ndone=" << done_level_
+        << "\nlast_load=" << last_load_ << "\nlast_load_result=" << last_load_result_
         << "\nnegotiated=" << negotiated_ << "\nphy_link=" << (phy_text_.find("0x907") != std::string::npos)
-        << "\nnet_outputs=" << outputs_on_ << "\ngmac_udp=" << gmac_udp_ << "\nspi_transfers=" << transfers_.size()
+        << "\nnet_outputs=" << outputs_on_ << "\ngmac_udp=" << gmac_udp_ << "\nports=" << kPorts << "\ncards=";
+    for (int port = 0; port < kPorts; ++port)
+        out << (port ? "," : "") << k.cards[size_t(port)];
+    out << "\nsilent_ports=";
+    for (int port : k.silent_ports)
+        out << (port == *k.silent_ports.begin() ? "" : ",") << port;
+    const char op = flash_op_;
+    out << "\nflash_op=" << (op == 'e' ? "erase" : op == 'w' ? "write" : "") << "\nflash_done=" << flash_done_
+        << "\nflash_total=" << flash_total_ << "\nupdate_pieces=" << update_pieces_.size()
+        << "\nupdate_total=" << (update_open_ ? (update_size_ + 511) / 512 : 0) << "\nspi_transfers=" << transfers_.size()
         << "\nudp_writes=" << udp_writes_.size() << "\n";
     return out.str();
 }

@@ -66,8 +66,8 @@ protected:
     void knobs(const std::string &text)
     {
         std::vector<std::pair<std::string, std::string>> settings;
-        for (const auto &[key, values] : sim::fpga_knob_keys())
-            settings.emplace_back("fpga." + key, "");
+        for (const auto &k : sim::fpga_knobs())
+            settings.emplace_back("fpga." + k.key, "");
         std::istringstream in(text);
         std::string line;
         while (std::getline(in, line))

@@ -39,12 +39,17 @@ TEST_F(ReceiveCardTest, ReadPollsUntilReadyAndReturnsTheReply)
     uint8_t back[3] = {};
     EXPECT_EQ(bi_fpga_receive_card_test(0, 0, 0x2000100, back, 3), 7) << "the reply transfer: 3 + 4 bytes";
     EXPECT_EQ(Bytes(back, back + 3), Bytes(data, data + 3));
+    // The card answers 33 ms after the request: the first poll (20 ms) finds
+    // it busy, the second (40 ms) ready.
     const auto frames = sent(kSpi);
-    ASSERT_EQ(frames.size(), 5u);
+    ASSERT_EQ(frames.size(), 7u);
     EXPECT_EQ(frames[0], hex("45 04 00 00 00 00 00 00 00 00 01 00 02 03 00 5b 55 00")) << "18-byte read request";
-    EXPECT_EQ(frames[3], hex("43 01 00 00 00")) << "one poll";
-    EXPECT_EQ(frames[4], hex("43 08 02 00 00 00 00"));
-    EXPECT_THAT(bi_log(), ElementsAre("D/vexa_system_bi_fpga: <bi_fpga_receive_card_test>, read data: 84",
+    EXPECT_EQ(frames[3], hex("43 01 00 00 00")) << "the first poll";
+    EXPECT_EQ(frames[4], hex("45 01 00 00 00")) << "disabled again after it";
+    EXPECT_EQ(frames[5], hex("43 01 00 00 00")) << "the second poll";
+    EXPECT_EQ(frames[6], hex("43 08 02 00 00 00 00"));
+    EXPECT_THAT(bi_log(), ElementsAre("D/vexa_system_bi_fpga: <bi_fpga_receive_card_test>, read data: 04",
+                                      "D/vexa_system_bi_fpga: <bi_fpga_receive_card_test>, read data: 84",
                                       "D/vexa_system_bi_fpga: <bi_fpga_receive_card_test>, read data is ok"));
 }
 

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -147,6 +148,46 @@ TEST_F(SimTest, FastClockSleepsWithoutWaiting)
     const uint64_t after = os::monotonic_ns();
     EXPECT_GE(after - before, 10'000'000'000ull);
     EXPECT_GE(board().now_ns(), after);
+}
+
+TEST_F(SimTest, TimersFireWhenASleepPassesThem)
+{
+    // With a fast clock a timer fires in the thread whose sleep moves the
+    // clock past it, before that sleep returns, in order of time.
+    std::vector<std::string> fired;
+    const uint64_t t0 = board().now_ns();
+    board().set_timer(t0 + 30'000'000, [&] { fired.push_back("30 ms"); });
+    board().set_timer(t0 + 10'000'000, [&] {
+        fired.push_back("10 ms");
+        // A timer may set another; one already due fires in the same sleep.
+        board().set_timer(0, [&] { fired.push_back("set by 10 ms"); });
+    });
+    const uint64_t cancelled = board().set_timer(t0 + 20'000'000, [&] { fired.push_back("20 ms"); });
+    EXPECT_TRUE(board().cancel_timer(cancelled));
+    EXPECT_FALSE(board().cancel_timer(cancelled));
+    os::sleep_us(5'000);
+    EXPECT_TRUE(fired.empty()) << "nothing is due 5 ms on";
+    os::sleep_us(10'000);
+    EXPECT_THAT(fired, ElementsAre("10 ms", "set by 10 ms"));
+    board().advance_clock(20'000'000);
+    EXPECT_THAT(fired, ElementsAre("10 ms", "set by 10 ms", "30 ms"));
+}
+
+TEST_F(SimTest, InRealTimeTimersFireOnTheirOwn)
+{
+    board().set_fast_clock(false);
+    std::mutex mu;
+    std::condition_variable fired_cv;
+    std::optional<uint64_t> fired_at;
+    const uint64_t at = board().now_ns() + 20'000'000;
+    board().set_timer(at, [&] {
+        std::lock_guard<std::mutex> lock(mu);
+        fired_at = board().now_ns();
+        fired_cv.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(mu);
+    ASSERT_TRUE(fired_cv.wait_for(lock, std::chrono::seconds(10), [&] { return fired_at.has_value(); }));
+    EXPECT_GE(*fired_at, at);
 }
 
 TEST_F(SimTest, CommandsAreJournaledAndHandled)

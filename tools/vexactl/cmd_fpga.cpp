@@ -449,8 +449,8 @@ std::string fpga_help()
         "         at register ADDR (qr5plus and qr-card families).\n"
         "knob     shows, or sets (KEY=VALUE) or clears (KEY=), the FPGA model's knobs, the\n"
         "         board's fpga.KEY knobs of 'vexactl board fault':\n";
-    for (auto &[key, values] : vexa::sim::fpga_knob_keys())
-        help += "           " + key + "=" + values + "\n";
+    for (auto &k : vexa::sim::fpga_knobs())
+        help += "           " + k.key + "=" + k.takes + "\n";
     help += "\nThe family comes from the module id (8470, 8475, 8476, 8478: pz50pro; 4374:\n"
             "hcu900pro) or the product name (QR3PLUS, QR5PLUS: qr5plus; QR1, QR2: qr-card;\n"
             "PZ2K: pz2k; others: qrxx); --family chooses another.";
