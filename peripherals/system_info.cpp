@@ -89,7 +89,7 @@ extern "C" VEXA_API int32_t bi_info_get_sys_info(bi_sys_info_t *rec)
         return -1;
     }
     struct sysinfo si;
-    if (::sysinfo(&si) != 0) {
+    if (vexa::os::sysinfo(&si) != 0) {
         VEXA_LOGD(kTag, "sysinfo failed\n");
         return -1;
     }

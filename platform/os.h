@@ -14,6 +14,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/sysinfo.h>
 #include <sys/types.h>
 
 namespace vexa::os {
@@ -77,6 +78,10 @@ uint64_t monotonic_ns();
 long nprocessors_conf();
 int sched_setaffinity(pid_t pid, size_t setsize, const cpu_set_t *set);
 int sched_getcpu();
+
+// The system's figures (uptime, loads, memory, swap, process count), as
+// sysinfo(2): the board's, never the machine's the library runs on.
+int sysinfo(struct sysinfo *info);
 
 } // namespace vexa::os
 

@@ -1017,4 +1017,23 @@ uint64_t Board::now_ns() const
 
 void Board::advance_clock(uint64_t ns) const { advance_board_clock(*state_, ns); }
 
+void on_clock_advance(Board::State &s, std::function<void()> listener)
+{
+    std::lock_guard<std::mutex> lock(s.watch_mu);
+    auto listeners = std::make_shared<std::vector<std::function<void()>>>(*s.clock_listeners);
+    listeners->push_back(std::move(listener));
+    s.clock_listeners = std::move(listeners);
+}
+
+void clock_advanced(Board::State &s)
+{
+    std::shared_ptr<const std::vector<std::function<void()>>> listeners;
+    {
+        std::lock_guard<std::mutex> lock(s.watch_mu);
+        listeners = s.clock_listeners;
+    }
+    for (const auto &listen : *listeners)
+        listen();
+}
+
 } // namespace vexa::sim

@@ -298,6 +298,16 @@ public:
     // Reboot requests, recorded instead of carried out ("" for a plain one).
     std::vector<std::string> reboots() const;
 
+    // Resets the board as its reset line would, for `reason` ("watchdog"):
+    // the reset is recorded in the reboots file with its reason, the board
+    // boots again (its uptime starts anew) and every model that registered
+    // with on_reset goes back to its power-on state. What a reset keeps and
+    // what it clears is told in docs/virtual-board.md. In a client the
+    // host carries it out.
+    void reset(const std::string &reason) const;
+    // For attachers: called in the host when the board is reset, with its reason.
+    void on_reset(std::function<void(const std::string &reason)> hook) const;
+
     // Fault injection (this process only).
     void inject(const Fault &fault) const;
     void clear_faults() const;

@@ -125,6 +125,7 @@ void advance_board_clock(Board::State &s, uint64_t ns)
     if (!s.fast) {
         s.clock_offset_ns += int64_t(ns);
         s.timers.poke();
+        clock_advanced(s);
         return;
     }
     // A fast clock's timers are set in what the board has slept (the
@@ -141,6 +142,7 @@ void advance_board_clock(Board::State &s, uint64_t ns)
     int64_t offset = s.clock_offset_ns.load();
     while (offset < target && !s.clock_offset_ns.compare_exchange_weak(offset, target)) {
     }
+    clock_advanced(s);
 }
 
 void take_board_time(Board::State &s, uint64_t ns)

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/os.h"
 #include "sim/state.h"
 
 extern "C" int hal_info_get_product_info(char *buffer)
@@ -91,19 +92,17 @@ extern "C" int hal_sys_write(const char *path, const char *text, int len)
         errno = EINVAL;
         return -1;
     }
-    {
-        const vexa::sim::Descriptor fd(s.folder().open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644));
-        if (!fd)
-            return -1;
-        for (int done = 0; done < len;) {
-            const ssize_t n = ::write(fd.get(), text + done, static_cast<size_t>(len - done));
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0)
-                return -1;
-            done += static_cast<int>(n);
-        }
+    // Through the OS layer, so that a node's model (a sysfs attribute) takes
+    // the write or refuses it.
+    const int fd = vexa::os::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return -1;
+    const ssize_t n = vexa::os::write(fd, text, static_cast<size_t>(len));
+    const int error = errno;
+    vexa::os::close(fd);
+    if (n != len) {
+        errno = n < 0 ? error : EIO;
+        return -1;
     }
-    vexa::sim::file_written(s, path);
     return len;
 }

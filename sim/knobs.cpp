@@ -190,6 +190,22 @@ std::string knob_value(Board::State &s, const std::string &name)
     return it == s.knob_table.end() ? "" : it->second.initial;
 }
 
+bool partition_write_fails(Board::State &s, const std::string &board_path)
+{
+    if (board_path.compare(0, 11, "/dev/block/") != 0 && board_path.compare(0, 8, "/dev/mtd") != 0)
+        return false;
+    const std::string list = knob_value(s, "partitions.fail_writes");
+    if (list.empty())
+        return false;
+    const std::string name = board_path.substr(board_path.rfind('/') + 1);
+    std::istringstream items(list);
+    std::string item;
+    while (std::getline(items, item, ','))
+        if (item == board_path || (board_path.compare(0, 19, "/dev/block/by-name/") == 0 && item == name))
+            return true;
+    return false;
+}
+
 void Board::add_knob(Knob knob) const
 {
     std::lock_guard<std::mutex> lock(state_->mu);

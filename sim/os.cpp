@@ -261,6 +261,10 @@ ssize_t write(int fd, const void *buf, size_t count)
     VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
     VEXA_SIM_FAULT("write", r.board_path, ssize_t);
+    if (sim::partition_write_fails(s, r.board_path)) {
+        errno = EIO;
+        return -1;
+    }
     const long long allowed = sim::fault_write_allowance(s, "write", r.board_path, count);
     if (allowed < 0)
         return -1;
@@ -280,6 +284,10 @@ ssize_t pwrite(int fd, const void *buf, size_t count, off_t offset)
     VEXA_SIM_ATTACHED_OR(-1);
     const Route r = route(s, fd);
     VEXA_SIM_FAULT("pwrite", r.board_path, ssize_t);
+    if (sim::partition_write_fails(s, r.board_path)) {
+        errno = EIO;
+        return -1;
+    }
     const long long allowed = sim::fault_write_allowance(s, "pwrite", r.board_path, count);
     if (allowed < 0)
         return -1;

@@ -1,6 +1,8 @@
 // The shell's echo on the board: "echo WORDS" prints them; "echo WORDS > PATH"
 // and ">> PATH" write them to a board file, whose watchers (models that
 // follow lines and registers kept as files) then see the new contents.
+#include <fcntl.h>
+
 #include "sim/board.h"
 #include "sim/state.h"
 
@@ -48,8 +50,26 @@ VEXA_SIM_ATTACHER(shell_echo)
             return {0, echo.text + "\n"};
         if (!s || echo.path.rfind("/", 0) != 0)
             return {1 << 8, ""};
-        if (s->folder().write(echo.path, echo.text + "\n", echo.append) != 0)
+        std::shared_ptr<DeviceModel> model;
+        {
+            std::lock_guard<std::mutex> lock(s->mu);
+            if (auto it = s->models.find(echo.path); it != s->models.end())
+                model = it->second;
+        }
+        if (model) {
+            // A node with a model (a sysfs attribute) takes the write as its
+            // driver does, or refuses it: "echo: write error: Invalid argument".
+            const int fd = model->open(s->folder(), echo.path, O_WRONLY | (echo.append ? O_APPEND : O_TRUNC), 0);
+            if (fd < 0)
+                return {1 << 8, ""};
+            const std::string line = echo.text + "\n";
+            const ssize_t n = model->write(fd, line.data(), line.size());
+            model->close(fd);
+            if (n != ssize_t(line.size()))
+                return {1 << 8, ""};
+        } else if (s->folder().write(echo.path, echo.text + "\n", echo.append) != 0) {
             return {1 << 8, ""};
+        }
         file_written(*s, echo.path);
         return {};
     });

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -67,6 +68,12 @@ struct Board::State {
     std::map<std::string, Service> services;
     std::multimap<std::string, FileWatcher> file_watchers; // by board path
     std::map<FILE *, int> popen_status;
+    // Called after this process moved the board's clock on (a fast sleep,
+    // a fast poll, advance_clock), and when the board is reset; replaced
+    // whole when one is added, so a sleep copies nothing.
+    std::shared_ptr<const std::vector<std::function<void()>>> clock_listeners =
+        std::make_shared<std::vector<std::function<void()>>>();
+    std::vector<std::function<void(const std::string &)>> reset_hooks;
     std::map<std::string, Knob> knob_table; // the knobs registered in this process
     std::mutex knob_mu; // guards the copy of ROOT/.board/knobs below
     std::string knob_stamp;
@@ -174,9 +181,19 @@ uint64_t set_board_timer(Board::State &s, uint64_t at_ns, std::function<void()> 
 // A timer ns from now.
 uint64_t set_board_timer_in(Board::State &s, uint64_t ns, std::function<void()> fn);
 bool cancel_board_timer(Board::State &s, uint64_t id);
+// Models that wait on the board's clock hear of its moves (advance_board_clock
+// tells them after its timers).
+void on_clock_advance(Board::State &s, std::function<void()> listener);
+void clock_advanced(Board::State &s);
+// Resets the board as its reset line would (see Board::reset).
+void reset_board(Board::State &s, const std::string &reason);
 
 // A knob's value in force (Board::knob), for models that keep the state.
 std::string knob_value(Board::State &s, const std::string &name);
+
+// Whether writes to a board path fail because the knob partitions.fail_writes
+// names its partition (a name under /dev/block/by-name, or the node's path).
+bool partition_write_fails(Board::State &s, const std::string &board_path);
 
 // Calls a model's service (Board::call) on behalf of a platform call.
 std::optional<std::string> call_service(Board::State &s, const std::string &name,

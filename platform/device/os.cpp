@@ -69,6 +69,8 @@ int sched_setaffinity(pid_t pid, size_t setsize, const cpu_set_t *set)
 }
 int sched_getcpu() { return ::sched_getcpu(); }
 
+int sysinfo(struct sysinfo *info) { return ::sysinfo(info); }
+
 uint64_t monotonic_ns()
 {
     struct timespec ts;

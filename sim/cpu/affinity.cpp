@@ -13,6 +13,7 @@
 
 #include "platform/os.h"
 #include "sim/cpu/cpu.h"
+#include "sim/processes.h"
 #include "sim/state.h"
 
 namespace fs = std::filesystem;
@@ -85,13 +86,13 @@ long nprocessors_conf()
     return sim::count_cores(s);
 }
 
-// Like the kernel: an unknown process is ESRCH, a set without one of the
-// board's cores EINVAL; pid 0 is the caller.
+// Like the kernel: a process the board does not have is ESRCH, a set
+// without one of the board's cores EINVAL; pid 0 is the caller.
 int sched_setaffinity(pid_t pid, size_t setsize, const cpu_set_t *set)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("sched_setaffinity", std::to_string(pid), int);
-    if (pid < 0) {
+    if (pid < 0 || (pid > 0 && !sim::process_exists(s, pid))) {
         errno = ESRCH;
         return -1;
     }

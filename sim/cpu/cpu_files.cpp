@@ -16,6 +16,7 @@
 
 #include "sim/board.h"
 #include "sim/cpu/cpu.h"
+#include "sim/processes.h"
 
 namespace fs = std::filesystem;
 
@@ -107,10 +108,12 @@ private:
     std::string available_; // board path of the policy's scaling_available_governors
 };
 
-// A cpuset's tasks: each write adds one process (decimal text; 0 is the
-// writer); the file lists them one a line.
+// A cpuset's tasks: each write adds one process of the board (decimal text;
+// 0 is the writer; another number ESRCH); the file lists them one a line.
 class CpusetTasks : public DeviceModel {
 public:
+    explicit CpusetTasks(std::weak_ptr<Board::State> state) : state_(std::move(state)) {}
+
     // Readable whatever the opener asked for: a write looks at the list.
     int open(const Folder &folder, const std::string &board_path, int flags, mode_t mode) override
     {
@@ -128,6 +131,11 @@ public:
         long pid = std::strtol(text.c_str(), nullptr, 10);
         if (pid == 0)
             pid = ::getpid();
+        auto s = state_.lock();
+        if (!s || !process_exists(*s, int(pid))) {
+            errno = ESRCH;
+            return -1;
+        }
         std::string tasks = contents_of(fd);
         std::istringstream in(tasks);
         long listed;
@@ -142,6 +150,9 @@ public:
         }
         return static_cast<ssize_t>(count);
     }
+
+private:
+    std::weak_ptr<Board::State> state_;
 };
 
 std::string policy_dir(int policy) { return std::string(kCpuDir) + "/cpufreq/policy" + std::to_string(policy); }
@@ -193,5 +204,5 @@ VEXA_SIM_ATTACHER(cpu)
         board.add_model(dir + "/scaling_governor",
                         std::make_shared<GovernorFile>(board.folder(), dir + "/scaling_available_governors"));
     }
-    board.add_model(kForegroundTasks, std::make_shared<CpusetTasks>());
+    board.add_model(kForegroundTasks, std::make_shared<CpusetTasks>(attached()));
 }

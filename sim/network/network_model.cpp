@@ -3,7 +3,12 @@
 
 #include <arpa/inet.h>
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -41,12 +46,84 @@ void save(const Board::State &s, const std::vector<NetInterface> &ifaces)
     write_state(s, "network", text);
 }
 
-bool carrier(const Board::State &s, const std::string &name)
+// The cable: the carrier file's level, unless the knob network.link_down
+// names the interface.
+bool cable(Board::State &s, const std::string &name)
 {
+    std::istringstream down(knob_value(s, "network.link_down"));
+    std::string item;
+    while (std::getline(down, item, ','))
+        if (item == name)
+            return false;
     std::istringstream in(s.folder().read("/sys/class/net/" + name + "/carrier").value_or(""));
     int value = 0;
     return (in >> value) && value == 1;
 }
+
+bool is_up(const Board::State &s, const std::string &name)
+{
+    for (const auto &i : load(s))
+        if (i.name == name)
+            return i.up;
+    return false;
+}
+
+// The carrier the kernel reports: the cable's, while the interface is
+// administratively up.
+bool carrier(Board::State &s, const std::string &name)
+{
+    return is_up(s, name) && cable(s, name);
+}
+
+// /sys/class/net/IFACE/carrier as the kernel serves it: "1" or "0" while
+// the interface is up, and a read of a down interface fails with EINVAL.
+class CarrierFile : public DeviceModel {
+public:
+    CarrierFile(std::weak_ptr<Board::State> state, std::string iface)
+        : state_(std::move(state)), iface_(std::move(iface))
+    {
+    }
+
+    ssize_t read(int fd, void *buf, size_t count) override
+    {
+        const off_t at = ::lseek(fd, 0, SEEK_CUR);
+        const ssize_t n = pread(fd, buf, count, at < 0 ? 0 : at);
+        if (n > 0)
+            ::lseek(fd, n, SEEK_CUR);
+        return n;
+    }
+
+    ssize_t pread(int, void *buf, size_t count, off_t offset) override
+    {
+        auto s = state_.lock();
+        if (!s || !is_up(*s, iface_)) {
+            errno = EINVAL;
+            return -1;
+        }
+        const std::string text = cable(*s, iface_) ? "1\n" : "0\n";
+        if (offset < 0 || size_t(offset) >= text.size())
+            return 0;
+        const size_t n = std::min(count, text.size() - size_t(offset));
+        std::memcpy(buf, text.data() + offset, n);
+        return ssize_t(n);
+    }
+
+    // The carrier of a real network device is not the user's to set.
+    ssize_t write(int, const void *, size_t) override
+    {
+        errno = EINVAL;
+        return -1;
+    }
+    ssize_t pwrite(int, const void *, size_t, off_t) override
+    {
+        errno = EINVAL;
+        return -1;
+    }
+
+private:
+    std::weak_ptr<Board::State> state_;
+    std::string iface_;
+};
 
 // Address and prefix of "A.B.C.D/N".
 bool split_address(const std::string &cidr, std::string *ip, int *prefix)
@@ -82,7 +159,7 @@ int prefix_of(const std::string &mask)
     return __builtin_popcount(ntohl(a.s_addr));
 }
 
-std::string ifconfig_block(const Board::State &s, const NetInterface &i)
+std::string ifconfig_block(Board::State &s, const NetInterface &i)
 {
     std::ostringstream out;
     char head[128];
@@ -442,6 +519,17 @@ VEXA_SIM_SEEDER(network)
 
 VEXA_SIM_ATTACHER(network)
 {
+    std::weak_ptr<Board::State> weak = attached();
+    for (const auto &iface : net_interfaces(board))
+        if (iface.name != "lo")
+            board.add_model("/sys/class/net/" + iface.name + "/carrier",
+                            std::make_shared<CarrierFile>(weak, iface.name));
+    board.add_knob({"network.link_down", "IFACE,...",
+                    "the cable of these interfaces is out: no carrier, the link and the PHY down", "",
+                    Knob::list_of([](const std::string &name) {
+                        return !name.empty() && name.size() < 16 &&
+                               name.find_first_of("/ \t") == std::string::npos;
+                    })});
     serve_command(board, "ifconfig", ifconfig);
     serve_command(board, "ip", ip);
     serve_command(board, "iw", iw);

@@ -5,8 +5,11 @@
 //   ROOT/.board/network   "IFACE up|down ADDRESS/PREFIX|- MAC" a line
 //   ROOT/.board/iptables  the FORWARD chain, "TARGET PROT SOURCE DESTINATION" a rule
 //   ROOT/.board/network.conf  ap_channel=N
-// An interface's carrier is its file /sys/class/net/IFACE/carrier ("1" or
-// "0"), and a PHY's link is its interface's carrier. The commands ifconfig,
+// An interface's cable is its file /sys/class/net/IFACE/carrier ("1" or "0",
+// which set_carrier writes), unless the knob network.link_down names it. A
+// read of the file through the board is the kernel's: the cable's level
+// while the interface is up, EINVAL while it is administratively down; a
+// write is refused (EINVAL). A PHY's link is its interface's carrier. The commands ifconfig,
 // ip, iw, iptables and /vendor/bin/phytool (with the filters of a pipeline
 // after them) are answered from this state, and ifconfig and iptables change
 // it.

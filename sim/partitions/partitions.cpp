@@ -183,6 +183,10 @@ extern "C" int hal_block_write(const char *path, uint32_t offset, const void *bu
         return -1;
     }
     VEXA_SIM_FAULT("hal_block_write", path, int);
+    if (vexa::sim::partition_write_fails(s, path)) {
+        errno = EIO; // the eMMC's answer to a write it could not program
+        return -1;
+    }
     const bool fixed = fixed_size(path);
     const vexa::sim::Descriptor fd(s.folder().open(path, fixed ? O_WRONLY : O_WRONLY | O_CREAT, 0644));
     if (!fd)
@@ -194,4 +198,15 @@ extern "C" int hal_block_write(const char *path, uint32_t offset, const void *bu
     }
     const ssize_t n = ::pwrite(fd.get(), buf, len, offset);
     return n < 0 ? -1 : int(n);
+}
+
+VEXA_SIM_ATTACHER(partition_knobs)
+{
+    board.add_knob({"partitions.fail_writes", "NAME,...",
+                    "writes to these partitions fail (EIO), as a worn eMMC's do: by-name names or node paths", "",
+                    vexa::sim::Knob::list_of([](const std::string &item) {
+                        return !item.empty() && item.find_first_of(" \t") == std::string::npos &&
+                               (item[0] == '/' ? item.compare(0, 5, "/dev/") == 0
+                                               : item.find('/') == std::string::npos);
+                    })});
 }

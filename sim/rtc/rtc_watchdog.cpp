@@ -1,4 +1,4 @@
-// The board's hal_rtc_* and hal_watchdog_* calls and the models behind them.
+// The board's hal_rtc_* calls and the RTC behind them.
 #include "sim/rtc/rtc_watchdog.h"
 
 #include <linux/rtc.h>
@@ -47,8 +47,26 @@ bool node_exists(const Board::State &s, const std::string &dev)
            s.folder().access(dev, F_OK) == 0;
 }
 
+// What the kernel's RTC core and the chip make of an alarm time: 0, EINVAL
+// for a date the calendar does not have (rtc_valid_tm), ERANGE for one
+// outside the chip's years (the HYM8563 counts 2000 to 2099).
+int alarm_time_error(const std::string &text)
+{
+    int y, mo, d, h, mi, sec;
+    char end;
+    if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d%c", &y, &mo, &d, &h, &mi, &sec, &end) != 6)
+        return EINVAL;
+    static const int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    const bool leap = (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+    if (y < 1970 || mo < 1 || mo > 12 || d < 1 || d > kDays[mo - 1] + (mo == 2 && leap) || h < 0 ||
+        h > 23 || mi < 0 || mi > 59 || sec < 0 || sec > 59)
+        return EINVAL;
+    return y < 2000 || y > 2099 ? ERANGE : 0;
+}
+
 // "set DEV KEY VALUE" -> "ok"; "get DEV KEY" -> "ok VALUE"; "add DEV KEY N";
-// "err" for a device that does not exist.
+// "err ERRNO" for a device that does not exist, a time it does not take or
+// a chip that does not answer.
 std::string serve(Board::State &s, const char *file, const std::string &request)
 {
     std::istringstream words(request);
@@ -58,7 +76,12 @@ std::string serve(Board::State &s, const char *file, const std::string &request)
     if (!value.empty() && value[0] == ' ')
         value.erase(0, 1);
     if (!node_exists(s, dev))
-        return "err";
+        return "err " + std::to_string(ENOENT);
+    if (knob_value(s, "rtc.chip") == "silent")
+        return "err " + std::to_string(ENXIO); // the bus driver's answer to a NAK
+    if (op == "set" && (key == "boot_time" || key == "wake_time"))
+        if (const int error = alarm_time_error(value))
+            return "err " + std::to_string(error);
     return with_board_lock(s, [&]() -> std::string {
         Values v = load(s, file);
         const std::string k = dev + " " + key;
@@ -69,7 +92,7 @@ std::string serve(Board::State &s, const char *file, const std::string &request)
         else if (op == "add")
             v[k] = std::to_string(std::atol(v[k].c_str()) + std::atol(value.c_str()));
         else
-            return "err";
+            return "err " + std::to_string(EINVAL);
         save(s, file, v);
         return "ok";
     });
@@ -112,11 +135,6 @@ std::string rtc_state(const Board &board, const std::string &dev, const std::str
     return value_of(board, "rtc", dev, key);
 }
 
-std::string watchdog_state(const Board &board, const std::string &dev, const std::string &key)
-{
-    return value_of(board, "watchdog", dev, key);
-}
-
 } // namespace vexa::sim
 
 using namespace vexa::sim;
@@ -124,29 +142,32 @@ using namespace vexa::sim;
 VEXA_SIM_SEEDER(rtc_watchdog)
 {
     board.write_file("/dev/rtc0", "");
-    board.write_file("/dev/watchdog", "");
 }
 
 VEXA_SIM_ATTACHER(rtc_watchdog)
 {
     std::weak_ptr<Board::State> weak = attached();
-    for (const char *name : {"rtc", "watchdog"}) {
-        board.serve(name, [weak, name](const std::string &req) -> std::string {
-            auto s = weak.lock();
-            return s ? serve(*s, name, req) : "err";
-        });
-    }
+    board.serve("rtc", [weak](const std::string &req) -> std::string {
+        auto s = weak.lock();
+        return s ? serve(*s, "rtc", req) : "err " + std::to_string(ENODEV);
+    });
+    board.add_knob({"rtc.chip", "ok|silent",
+                    "silent: the RTC chip never answers: its alarms fail (ENXIO), and so do I2C reads of it",
+                    "ok"});
 }
 
 namespace {
 
-// Sends a request to the rtc or watchdog service: 0, or -1 with errno ENOENT
-// when the device does not exist.
+// Sends a request to the rtc service: 0, or -1 with the model's errno.
 int ask(Board::State &s, const char *service, const std::string &request, std::string *value = nullptr)
 {
     const auto reply = call_service(s, service, request);
-    if (!reply || reply->rfind("ok", 0) != 0) {
-        errno = ENOENT;
+    if (!reply) {
+        errno = ENODEV;
+        return -1;
+    }
+    if (reply->rfind("ok", 0) != 0) {
+        errno = reply->rfind("err ", 0) == 0 ? std::atoi(reply->c_str() + 4) : EIO;
         return -1;
     }
     if (value)
@@ -220,72 +241,4 @@ extern "C" int hal_rtc_get_wake_time(const char *dev, struct rtc_time *time)
 {
     RTC_CALL("hal_rtc_get_wake_time");
     return get_time(s, dev, "wake_time", time);
-}
-
-#define WDT_CALL(name)                                                                             \
-    VEXA_SIM_ATTACHED_OR(-1);                                                                      \
-    VEXA_SIM_FAULT(name, wdt ? std::string(wdt->dev) : std::string(), int);                        \
-    if (!wdt) {                                                                                    \
-        errno = EINVAL;                                                                            \
-        return -1;                                                                                 \
-    }                                                                                              \
-    const std::string dev = std::string(wdt->dev, strnlen(wdt->dev, sizeof wdt->dev))
-
-static int arm(Board::State &s, bi_watchdog_t *wdt, const std::string &dev, uint32_t timeout)
-{
-    if (ask(s, "watchdog", "set " + dev + " open 1") < 0)
-        return -1;
-    ask(s, "watchdog", "set " + dev + " timeout " + std::to_string(timeout));
-    wdt->timeout = timeout;
-    if (wdt->fd <= 0)
-        wdt->fd = 3; // the platform's own mark that the device is open
-    return 0;
-}
-
-extern "C" int hal_watchdog_open(bi_watchdog_t *wdt, uint32_t timeout)
-{
-    WDT_CALL("hal_watchdog_open");
-    return arm(s, wdt, dev, timeout);
-}
-
-extern "C" int hal_watchdog_feed(bi_watchdog_t *wdt, uint32_t timeout)
-{
-    WDT_CALL("hal_watchdog_feed");
-    if (arm(s, wdt, dev, timeout) < 0)
-        return -1;
-    return ask(s, "watchdog", "add " + dev + " feeds 1");
-}
-
-extern "C" int hal_watchdog_feed_loop(bi_watchdog_t *wdt, uint32_t count)
-{
-    WDT_CALL("hal_watchdog_feed_loop");
-    if (arm(s, wdt, dev, wdt->timeout ? wdt->timeout : 10) < 0)
-        return -1;
-    for (uint32_t i = 0; i < count; ++i) {
-        if (i > 0)
-            vexa::os::sleep_us(static_cast<uint64_t>(wdt->interval ? wdt->interval : 1) * 1000000);
-        ask(s, "watchdog", "add " + dev + " feeds 1");
-    }
-    return 0;
-}
-
-extern "C" int hal_watchdog_test(bi_watchdog_t *wdt, uint32_t timeout, uint32_t feeds)
-{
-    WDT_CALL("hal_watchdog_test");
-    if (arm(s, wdt, dev, timeout) < 0)
-        return -1;
-    for (uint32_t i = 0; i < feeds; ++i)
-        ask(s, "watchdog", "add " + dev + " feeds 1");
-    // Nobody feeds it any more: after its timeout it resets the board.
-    vexa::os::sleep_us(static_cast<uint64_t>(timeout) * 1000000);
-    ask(s, "watchdog", "set " + dev + " expired 1");
-    append_state(s, "reboots", "watchdog");
-    return 0;
-}
-
-extern "C" int hal_watchdog_close(const char *dev)
-{
-    VEXA_SIM_ATTACHED_OR(-1);
-    VEXA_SIM_FAULT("hal_watchdog_close", dev_of(dev), int);
-    return ask(s, "watchdog", "set " + dev_of(dev) + " open 0");
 }

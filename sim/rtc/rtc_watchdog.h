@@ -6,8 +6,11 @@
 //             (times as "YYYY-MM-DD HH:MM:SS")
 //   watchdog: open (1 armed, 0 closed), timeout, feeds (count), expired
 // A device exists when its node exists in the board (/dev/rtc0,
-// /dev/watchdog). A watchdog left unfed past its test resets the board (a
-// reboot "watchdog" is recorded).
+// /dev/watchdog). The RTC is the HYM8563 on I2C: an alarm time the calendar
+// does not have (2025-02-30, a month 13, 24:00) is EINVAL, a year outside
+// 2000-2099 ERANGE, and with the knob rtc.chip=silent every call fails with
+// ENXIO. The watchdog (sim/rtc/watchdog.cpp) resets the board when it is
+// armed and not fed within its timeout.
 #ifndef VEXA_SIM_RTC_WATCHDOG_H
 #define VEXA_SIM_RTC_WATCHDOG_H
 

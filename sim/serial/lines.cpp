@@ -73,6 +73,7 @@ class Bridge {
 public:
     Bridge(std::vector<std::shared_ptr<SerialLine>> lines, const std::string &root) : lines_(std::move(lines))
     {
+        gone_.assign(lines_.size(), false);
         if (lines_.empty() || ::pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
             return;
         for (auto &line : lines_) {
@@ -94,12 +95,27 @@ public:
                 ::close(fd);
     }
 
+    // The far ends that are gone (the knob serial.far_end_gone): what the
+    // board side writes goes nowhere, and nothing comes from there.
+    void set_gone(const std::set<std::string> &paths)
+    {
+        std::lock_guard<std::mutex> lock(gone_mu_);
+        for (size_t i = 0; i < lines_.size(); ++i)
+            gone_[i] = paths.count(lines_[i]->board_path()) != 0;
+    }
+
 private:
     struct Pipe {
         int from, to;
         std::string pending;
         std::shared_ptr<Capture> capture; // the board side's output, or null
     };
+
+    bool gone(size_t pipe)
+    {
+        std::lock_guard<std::mutex> lock(gone_mu_);
+        return gone_[pipe / 2];
+    }
     static constexpr size_t kMaxPending = 64 * 1024;
 
     void run()
@@ -127,6 +143,8 @@ private:
                 } else if (!pipe.pending.empty() && !(fds[i].revents & POLLOUT)) {
                     continue;
                 }
+                if (!pipe.pending.empty() && gone(i))
+                    pipe.pending.clear();
                 if (!pipe.pending.empty()) {
                     const ssize_t n = ::write(pipe.to, pipe.pending.data(), pipe.pending.size());
                     if (n > 0)
@@ -139,6 +157,8 @@ private:
     }
 
     std::vector<std::shared_ptr<SerialLine>> lines_;
+    std::mutex gone_mu_;
+    std::vector<bool> gone_; // by line
     std::vector<Pipe> pipes_;
     int wake_[2] = {-1, -1};
     std::atomic<bool> stop_{false};
@@ -415,6 +435,29 @@ VEXA_SIM_ATTACHER(serial_lines)
     // The services and watchers below keep the lines alive while the board
     // holds them.
     board.serve("serial.lines", [lines](const std::string &) { return lines->record; });
+    std::set<std::string> plain_paths;
+    for (const auto &[path, line] : lines->by_path)
+        if (line != lines->mcu)
+            plain_paths.insert(path);
+    auto gone_of = [](const std::string &value) {
+        std::set<std::string> paths;
+        std::istringstream items(value);
+        std::string item;
+        while (std::getline(items, item, ','))
+            paths.insert(item);
+        return paths;
+    };
+    std::weak_ptr<Lines> weak_lines = lines;
+    board.add_knob({"serial.far_end_gone", "PATH,...",
+                    "the far end of these plain lines is unplugged: what the board writes goes nowhere, "
+                    "nothing comes back",
+                    "", Knob::list_of([plain_paths](const std::string &path) { return plain_paths.count(path) != 0; }),
+                    [weak_lines, gone_of](const std::string &value) {
+                        if (auto l = weak_lines.lock(); l && l->bridge)
+                            l->bridge->set_gone(gone_of(value));
+                    }});
+    if (lines->bridge)
+        lines->bridge->set_gone(gone_of(board.knob("serial.far_end_gone")));
     // "far|board BOARD_PATH\nBYTES": bytes sent from a plain line's far end
     // (as from the peer device), or written on its board side.
     board.serve("serial.send", [lines](const std::string &request) -> std::string {

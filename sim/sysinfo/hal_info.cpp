@@ -1,7 +1,11 @@
 // The board's information and process calls: hal_info_*, show_clock, df and
 // the process table.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
+
+#include <algorithm>
+#include <functional>
 
 #include <cerrno>
 #include <cstdlib>
@@ -45,7 +49,7 @@ bool parse_process(const std::string &line, bi_process_info_t *p)
     return true;
 }
 
-// "list NAME" -> the matching lines; "kill PID" -> "ok" | "none".
+// "list NAME" -> the matching lines; "kill PID" -> "ok" | "none" | "init".
 std::string serve_processes(Board::State &s, const std::string &request)
 {
     std::istringstream words(request);
@@ -69,6 +73,8 @@ std::string serve_processes(Board::State &s, const std::string &request)
         if (op == "kill") {
             if (!killed)
                 return "none";
+            if (arg == "1")
+                return "init"; // init is not killed: SIGKILL from its own namespace is ignored
             write_state(s, "processes", kept);
             return "ok";
         }
@@ -184,53 +190,75 @@ extern "C" time_t show_clock(time_t *out)
     return now;
 }
 
+// A mount's figures as statvfs(3) gives them, from the board's own sizes:
+// 4 KiB blocks, an inode for every 16 KiB, the flags its options name.
+static void fill_figures(hal_filesystem_info *node, const std::string &device, const std::string &options,
+                  unsigned long long size_kb, unsigned long long used_kb)
+{
+    used_kb = std::min(used_kb, size_kb);
+    node->bsize = 4096;
+    node->frsize = 4096;
+    node->blocks = static_cast<uint32_t>(size_kb / 4);
+    node->bfree = static_cast<uint32_t>((size_kb - used_kb) / 4);
+    node->bavail = node->bfree;
+    node->files = static_cast<uint32_t>(size_kb / 16);
+    node->ffree = static_cast<uint32_t>((size_kb - used_kb) / 16);
+    node->favail = node->ffree;
+    node->fsid = static_cast<uint32_t>(std::hash<std::string>()(device));
+    static const std::pair<const char *, uint32_t> kFlags[] = {
+        {"ro", ST_RDONLY}, {"nosuid", ST_NOSUID}, {"nodev", ST_NODEV}, {"noexec", ST_NOEXEC},
+        {"noatime", ST_NOATIME}, {"relatime", ST_RELATIME},
+    };
+    std::istringstream words(options);
+    std::string word;
+    while (std::getline(words, word, ','))
+        for (const auto &[name, flag] : kFlags)
+            if (word == name)
+                node->flag |= flag;
+    node->namemax = 255;
+}
+
 extern "C" struct hal_filesystem_info *df(const char *mount_point)
 {
     VEXA_SIM_ATTACHED_OR(nullptr);
     VEXA_SIM_FAULT("df", mount_point ? mount_point : "", hal_filesystem_info *);
-    // The board's own mounts, then those the library made.
-    std::vector<std::vector<std::string>> table;
+    // The board's own mounts ("DEVICE TARGET TYPE OPTIONS FREQ PASSNO SIZE_KB
+    // USED_KB"), then those the library made, which take the size of their
+    // partition.
+    struct Mount {
+        std::string device, target, type, options, freq, passno;
+        unsigned long long size_kb = 0, used_kb = 0;
+    };
+    std::vector<Mount> table;
     for (const auto &line : state_lines(read_state(s, "fstab"))) {
         std::istringstream words(line);
-        std::vector<std::string> f(6);
-        for (auto &w : f)
-            words >> w;
-        table.push_back(f);
+        Mount m;
+        words >> m.device >> m.target >> m.type >> m.options >> m.freq >> m.passno >> m.size_kb >> m.used_kb;
+        table.push_back(m);
     }
-    for (const auto &m : mount_records(read_state(s, "mounts")))
-        table.push_back({m.source, m.target, m.fstype, (m.flags & 1) ? "ro" : "rw", "0", "0"});
+    for (const auto &r : mount_records(read_state(s, "mounts"))) {
+        Mount m{r.source, r.target, r.fstype, (r.flags & 1) ? "ro" : "rw", "0", "0"};
+        struct stat st {};
+        if (s.folder().stat(r.source, &st) == 0)
+            m.size_kb = static_cast<unsigned long long>(st.st_size) / 1024;
+        table.push_back(m);
+    }
     hal_filesystem_info *head = nullptr;
     int32_t index = 0;
-    for (const auto &f : table) {
-        if (mount_point && f[1] != mount_point)
-            continue;
-        struct statvfs st {};
-        const Folder folder = s.folder();
-        folder.make_dirs(f[1]);
-        const Descriptor at(folder.open(f[1], O_PATH | O_DIRECTORY));
-        if (!at || ::fstatvfs(at.get(), &st) != 0)
+    for (const auto &m : table) {
+        if (mount_point && m.target != mount_point)
             continue;
         auto *node = static_cast<hal_filesystem_info *>(std::calloc(1, sizeof(hal_filesystem_info)));
         if (!node)
             break;
         node->index = mount_point ? 0 : index++;
-        node->device = dup(f[0]);
-        node->mount_point = dup(f[1]);
-        node->type = dup(f[2]);
-        node->options = dup(f[3]);
-        node->freq = static_cast<int8_t>(std::atoi(f[4].c_str()));
-        node->passno = static_cast<int8_t>(std::atoi(f[5].c_str()));
-        node->bsize = static_cast<uint32_t>(st.f_bsize);
-        node->frsize = static_cast<uint32_t>(st.f_frsize);
-        node->blocks = static_cast<uint32_t>(st.f_blocks);
-        node->bfree = static_cast<uint32_t>(st.f_bfree);
-        node->bavail = static_cast<uint32_t>(st.f_bavail);
-        node->files = static_cast<uint32_t>(st.f_files);
-        node->ffree = static_cast<uint32_t>(st.f_ffree);
-        node->favail = static_cast<uint32_t>(st.f_favail);
-        node->fsid = static_cast<uint32_t>(st.f_fsid);
-        node->flag = static_cast<uint32_t>(st.f_flag);
-        node->namemax = static_cast<uint32_t>(st.f_namemax);
+        node->device = dup(m.device);
+        node->mount_point = dup(m.target);
+        node->type = dup(m.type);
+        node->options = dup(m.options);
+        node->freq = static_cast<int8_t>(std::atoi(m.freq.c_str()));
+        node->passno = static_cast<int8_t>(std::atoi(m.passno.c_str()));
+        fill_figures(node, m.device, m.options, m.size_kb, m.used_kb);
         node->next = head; // newest first
         head = node;
         if (mount_point)
@@ -273,9 +301,15 @@ extern "C" int hal_system_kill_pid(int32_t pid)
 {
     VEXA_SIM_ATTACHED_OR(-1);
     VEXA_SIM_FAULT("hal_system_kill_pid", std::to_string(pid), int);
+    // One process: 0 and negative ids (a process group, every process) are
+    // not taken.
+    if (pid <= 0) {
+        errno = EINVAL;
+        return -1;
+    }
     const auto reply = call_service(s, "processes", "kill " + std::to_string(pid));
     if (!reply || *reply != "ok") {
-        errno = ESRCH;
+        errno = reply && *reply == "init" ? EPERM : ESRCH;
         return -1;
     }
     return 0;

@@ -79,7 +79,7 @@ try:
         ["rescue", "restore"],
         ["logd"], ["logd", "set", "level=info"], ["logd", "compress", "/syslog", "/sdcard/x.tgz"],
         ["logd", "clear", "/syslog/logs"],
-        ["sched", "bind", "4242"], ["sched", "unbind", "4242"], ["sched", "bind", "0"], ["sched", "governor"],
+        ["sched", "bind", "612"], ["sched", "unbind", "612"], ["sched", "bind", "0"], ["sched", "governor"],
         ["selftest"], ["ps", "vexa_player"], ["upgrade", "downgrade-flag"], ["ir", "status"],
         ["audio", "0", "get"], ["volume", "0"],
         ["resolution", "get"], ["resolution", "list"], ["resolution", "set", "1920", "1080"],

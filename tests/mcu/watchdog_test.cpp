@@ -1,10 +1,13 @@
 // The MCU watchdog line and the start-up status line, watched by the MCU model.
+#include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <optional>
+#include <string>
 
 #include "mcu_fixture.h"
 #include "platform/os.h"
@@ -96,30 +99,41 @@ TEST_F(WatchdogTest, StartupStatusIsTheLinesLevel)
     EXPECT_EQ(bi_mcu_check_startup_status(93), 0);
 }
 
-// The feeder never stops, so it runs in a child process that the test ends;
-// the child's drives reach this process's model through the board's host,
-// each with the child's board time (its fast clock steps half a second a
-// level).
+// The feeder never stops, so it runs in a service process of its own that
+// the test ends; its drives reach this process's model through the board's
+// host, each with the service's board time (its fast clock steps half a
+// second a level).
 TEST_F(WatchdogTest, FeederTogglesTheLineEveryHalfSecond)
 {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const uint64_t start = board().now_ns();
-        if (bi_mcu_watchdog_start_feed(kLine) != 0 || board().now_ns() - start < 500000000u)
-            _exit(1);
-        for (;;)
-            pause(); // feeding, until the test ends it
-    }
-    // The host takes the child's records in when it is asked something.
+    int out[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    const std::string line = std::to_string(kLine);
+    const char *argv[] = {VEXA_FEEDER_PROCESS, board().root().c_str(), line.c_str(), nullptr};
+    pid_t service = -1;
+    const int spawned = posix_spawn(&service, VEXA_FEEDER_PROCESS, &actions, nullptr,
+                                    const_cast<char *const *>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    ASSERT_EQ(spawned, 0);
+    // The service says so once the feeder runs (or ends at once).
+    char said[16] = {};
+    const ssize_t n = read(out[0], said, sizeof said - 1);
+    close(out[0]);
+    EXPECT_EQ(std::string(said, n > 0 ? static_cast<size_t>(n) : 0), "feeding\n");
+
+    // The host takes the service's records in when it is asked something.
     std::optional<vexa::sim::McuWatchdogView> w;
-    for (int i = 0; i < 5000 && (!w || w->edges < 6); ++i) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while ((!w || w->edges < 6) && std::chrono::steady_clock::now() < deadline) {
         usleep(1000);
         w = vexa::sim::mcu_watchdog(board(), UINT64_MAX / 2);
     }
-    kill(child, SIGKILL);
+    kill(service, SIGKILL);
     int status = 0;
-    waitpid(child, &status, 0);
+    waitpid(service, &status, 0);
     EXPECT_TRUE(WIFSIGNALED(status)) << "the feeder did not start";
     ASSERT_TRUE(w.has_value());
     EXPECT_GE(w->edges, 6u);

@@ -1,5 +1,10 @@
 // Link, PHY and Wi-Fi status against the board's network model.
+#include <fcntl.h>
+
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <string>
 
 #include "network/command_output.h"
 #include "platform/os.h"
@@ -16,7 +21,63 @@ protected:
         board().set_module_id(id);
         load();
     }
+    void bring_up(const char *name)
+    {
+        auto iface = vexa::sim::net_interface(board(), name);
+        ASSERT_TRUE(iface);
+        iface->up = true;
+        vexa::sim::set_net_interface(board(), *iface);
+    }
+    // The carrier file as a program reads it: its text, or the read's errno.
+    std::string carrier_read(const char *name)
+    {
+        const int fd = vexa::os::open((std::string("/sys/class/net/") + name + "/carrier").c_str(), O_RDONLY);
+        if (fd < 0)
+            return "open errno " + std::to_string(errno);
+        char buf[8] = {};
+        const ssize_t n = vexa::os::read(fd, buf, sizeof buf);
+        const int error = errno;
+        vexa::os::close(fd);
+        return n < 0 ? "errno " + std::to_string(error) : std::string(buf, size_t(n));
+    }
 };
+
+// The carrier is the kernel's: the cable's level while the interface is
+// administratively up, no carrier at all (EINVAL) while it is down.
+TEST_F(LinkTest, AnInterfaceSetDownHasNoCarrier)
+{
+    EXPECT_EQ(carrier_read("eth0"), "1\n");
+    EXPECT_EQ(bi_network_get_pz50_link_status(), 1);
+    ASSERT_EQ(vexa::os::system("ifconfig eth0 down"), 0);
+    EXPECT_EQ(carrier_read("eth0"), "errno " + std::to_string(EINVAL));
+    EXPECT_EQ(bi_network_get_pz50_link_status(), -2);
+    EXPECT_EQ(check_network_port(1), 0) << "the PHY of a down interface has no link";
+    ASSERT_EQ(vexa::os::system("ifconfig eth0 up"), 0);
+    EXPECT_EQ(bi_network_get_pz50_link_status(), 1);
+    // The cable pulled (the board's knob): up, but no carrier, no link.
+    ASSERT_EQ(board().set_knob("network.link_down", "wlan1,eth0"), 0);
+    EXPECT_EQ(carrier_read("eth0"), "0\n");
+    EXPECT_EQ(bi_network_get_pz50_link_status(), 0);
+    EXPECT_EQ(check_network_port(1), 0);
+    FILE *p = vexa::os::popen("ifconfig eth0", "r");
+    ASSERT_TRUE(p);
+    char line[256];
+    std::string text;
+    while (std::fgets(line, sizeof line, p))
+        text += line;
+    vexa::os::pclose(p);
+    EXPECT_NE(text.find("UP BROADCAST MULTICAST"), std::string::npos) << text;
+    ASSERT_EQ(board().set_knob("network.link_down", ""), 0);
+    EXPECT_EQ(bi_network_get_pz50_link_status(), 1);
+    // The carrier is not the user's to write.
+    const int fd = vexa::os::open("/sys/class/net/eth0/carrier", O_WRONLY);
+    ASSERT_GE(fd, 0);
+    errno = 0;
+    EXPECT_EQ(vexa::os::write(fd, "0", 1), -1);
+    EXPECT_EQ(errno, EINVAL);
+    vexa::os::close(fd);
+    EXPECT_EQ(carrier_read("eth0"), "1\n");
+}
 
 TEST_F(LinkTest, LinkWordSurvivesARoundTrip)
 {
@@ -60,7 +121,10 @@ TEST_F(LinkTest, PhyCommandsGiveThePortMask)
     EXPECT_EQ(check_network_port(1), 1);
     EXPECT_EQ(check_network_port(2), 0);
     EXPECT_TRUE(logged("D/vexa_system_bi_network: Retrieved value: 0xa08"));
+    // eth1 boots down: its PHY has no link until the interface is up and cabled.
     vexa::sim::set_carrier(board(), "eth1", true);
+    EXPECT_EQ(check_network_port(2), 0);
+    bring_up("eth1");
     board().clear_commands();
     EXPECT_EQ(bi_network_get_phy_link_status(), 3);
     // A linked port is asked twice.
@@ -91,6 +155,7 @@ TEST_F(LinkTest, PhyCommandRunsAsGivenPipesIncluded)
     module("8474");
     vexa::sim::set_carrier(board(), "eth0", false);
     vexa::sim::set_carrier(board(), "eth1", true);
+    bring_up("eth1");
     board().clear_commands();
     EXPECT_EQ(check_network_port(1), 0);
     EXPECT_EQ(check_network_port(2), 1);
@@ -119,6 +184,7 @@ TEST_F(LinkTest, DetectionFollowsTheModuleId)
     module("8474");
     vexa::sim::set_carrier(board(), "eth0", false);
     vexa::sim::set_carrier(board(), "eth1", true);
+    bring_up("eth1");
     EXPECT_EQ(bi_network_detection(), 2);
 }
 

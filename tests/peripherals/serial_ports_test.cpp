@@ -5,6 +5,7 @@
 // program, so its calls reach these definitions before libc's.)
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 
 #include <cerrno>
@@ -293,6 +294,24 @@ TEST_F(SdkUartTest, InitIsRawEightNoneOneAt115200)
     ::testing::internal::CaptureStdout();
     EXPECT_EQ(sdk_uart_init("/dev/ttyNOPE", 115200), -1);
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "uart open failed /dev/ttyNOPE \n");
+}
+
+// A line whose far end is unplugged (the board's knob): what the board
+// writes goes nowhere, and nothing comes from there.
+TEST_F(SdkUartTest, AFarEndThatIsGoneTakesNothingAndSendsNothing)
+{
+    auto line = sim::serial_line(board(), "/dev/ttyS3");
+    ASSERT_TRUE(line);
+    ASSERT_EQ(board().set_knob("serial.far_end_gone", "/dev/ttyS3"), 0);
+    EXPECT_EQ(sdk_uart_write(fd_, "lost", 4), 4) << "the UART sends into the void";
+    line->inject("noise");
+    EXPECT_EQ(line->take_output(1, 300), "");
+    struct pollfd pfd = {fd_, POLLIN, 0};
+    EXPECT_EQ(::poll(&pfd, 1, 0), 0) << "the board side got what the far end sent";
+    EXPECT_EQ(board().set_knob("serial.far_end_gone", "/dev/ttyS9"), -1) << "the MCU's line has no far end";
+    ASSERT_EQ(board().set_knob("serial.far_end_gone", ""), 0);
+    EXPECT_EQ(sdk_uart_write(fd_, "ab", 2), 2);
+    EXPECT_EQ(line->take_output(2, 2000), "ab");
 }
 
 TEST_F(SdkUartTest, NullBuffersGiveMinusFive)

@@ -1,4 +1,9 @@
 // Product, mount, disk, clock and process information on the virtual board.
+#include <sys/statvfs.h>
+
+#include <ctime>
+#include <string>
+
 #include <cstring>
 
 #include "support/board_fixture.h"
@@ -73,8 +78,14 @@ TEST_F(InfoTest, MountsListTheBoardsTableWithFigures)
     EXPECT_STREQ(mounts[2].device, "/dev/block/by-name/userdata");
     EXPECT_STREQ(mounts[2].type, "f2fs");
     EXPECT_STREQ(mounts[3].mount_point, "/sdcard");
-    EXPECT_GT(mounts[3].bsize, 0u);
-    EXPECT_GT(mounts[3].blocks, 0u);
+    // The board's partitions, not the disk the board folder lies on.
+    EXPECT_EQ(mounts[0].frsize, 4096u);
+    EXPECT_EQ(mounts[0].blocks * mounts[0].frsize, 2048ull << 20);    // system: 2 GiB
+    EXPECT_EQ(mounts[1].blocks * mounts[1].frsize, 512ull << 20);     // vendor
+    EXPECT_EQ(mounts[2].blocks * mounts[2].frsize, 4608ull << 20);    // userdata: 4.5 GiB
+    EXPECT_EQ(mounts[2].bavail * mounts[2].frsize / 1024, 4718592ull - 1258291ull - 1); // a block's rounding
+    EXPECT_EQ(mounts[0].flag & ST_RDONLY, ST_RDONLY);
+    EXPECT_EQ(mounts[2].flag, ST_NOSUID | ST_NODEV | ST_NOATIME);
 
     bi_mnt_info_t one{};
     ASSERT_EQ(bi_info_get_special_mnt_info("/data", &one), 0);
@@ -82,6 +93,11 @@ TEST_F(InfoTest, MountsListTheBoardsTableWithFigures)
     EXPECT_TRUE(logged("D/vexa_system_bi_info:   Mount Point: /data"));
     EXPECT_EQ(bi_info_get_special_mnt_info("/nowhere", &one), -2);
     EXPECT_EQ(bi_info_get_all_mnt_info(nullptr), -1);
+    // The figures are the board table's, whatever it says.
+    board().write_file("/.board/fstab", "/dev/block/by-name/vendor /vendor ext4 ro 0 0 1000 600\n");
+    ASSERT_EQ(bi_info_get_special_mnt_info("/vendor", &one), 0);
+    EXPECT_EQ(one.blocks, 250u);
+    EXPECT_EQ(one.bfree, 100u);
 }
 
 TEST_F(InfoTest, ProcessesAreFoundAndKilled)
@@ -111,10 +127,24 @@ TEST_F(InfoTest, CpuClockAndSysInfo)
     EXPECT_EQ(cpu.temperature, 45000);
     EXPECT_FLOAT_EQ(cpu.usage, 12.5f);
     EXPECT_GT(bi_info_get_hw_clock(), 1600000000);
+    // The board's figures: its meminfo, its load, its process table, its boot.
+    board().write_file("/.board/boot", std::to_string(static_cast<long long>(::time(nullptr)) - 3600) + "\n");
     bi_sys_info_t si{};
     ASSERT_EQ(bi_info_get_sys_info(&si), 0);
-    EXPECT_GT(si.totalram, 0u);
+    EXPECT_EQ(si.mem_unit, 1u);
+    EXPECT_EQ(si.totalram, 3970668ull * 1024);
+    EXPECT_EQ(si.freeram, 812424ull * 1024);
+    EXPECT_EQ(si.bufferram, 61224ull * 1024);
+    EXPECT_EQ(si.sharedram, 10772ull * 1024);
+    EXPECT_EQ(si.totalswap, 1985332ull * 1024);
+    EXPECT_EQ(si.procs, 6u);
+    EXPECT_EQ(si.loads[0], 34079u); // 0.52 in 16.16 fixed point
+    EXPECT_GE(si.uptime, 3600);
+    EXPECT_LT(si.uptime, 3700);
     EXPECT_EQ(log_of("vexa_system_bi_info").size(), 13u);
+    ASSERT_EQ(bi_kill_process_num(613), 0);
+    ASSERT_EQ(bi_info_get_sys_info(&si), 0);
+    EXPECT_EQ(si.procs, 5u);
     EXPECT_EQ(bi_info_test(5), 5);
     EXPECT_EQ(board().log_lines().back(), "D/vexa_system_bi_info: vexa<bi_info_test> 39");
     char usb[256];

@@ -23,6 +23,10 @@ run rtc boot 2025-03-01 07:30:00
 check "rtc boot alarm is kept" "boot 2025-03-01 07:30:00" "$(run rtc | awk '$1 == "boot" {print $1, $2, $3}')"
 run rtc boot 2025-13-01 07:30:00 2>/dev/null
 check "a month of 13 is a usage error" 2 $?
+run rtc boot 2025-02-30 10:00:00 2>/dev/null
+check "a day February does not have fails" 1 "$(($? != 0))"
+run rtc boot 2028-02-29 06:30:00
+check "a leap day is kept" "boot 2028-02-29 06:30:00" "$(run rtc | awk '$1 == "boot" {print $1, $2, $3}')"
 run watchdog open && run watchdog feed && run watchdog close
 check "watchdog open, feed, close" 0 $?
 check "the watchdog was fed and closed" "feeds=1 open=0" \
@@ -38,6 +42,9 @@ check "kill removes the process" "613" "$(run ps vexa_player | awk 'NR > 1 {prin
 run kill 612 2>/dev/null
 check "killing it again fails" 1 $?
 check "info shows the disk size" "disk:      8 GB" "$(run info | grep '^disk:')"
+check "info shows the board's memory, not the machine's" "ram:       3877 MB, 793 MB free" "$(run info | grep '^ram:')"
+check "and the board's processes (612 was killed)" "processes: 5" "$(run info | grep '^processes:')"
+check "and the board's partitions" "/data 4608" "$(run info | awk '$1 == "/data" {print $1, $4}')"
 check "info --json lists the mounts" '"mount":"/data"' "$(run --json info | tr -d ' \t\n' | grep -o '"mount":"/data"')"
 
 run net isolation on
@@ -86,6 +93,18 @@ run selftest >"$dir/out" 2>"$dir/err"
 check "an unknown id beside a known one is skipped, and said" \
     "0 vexactl: self_test_items names 99, which is no test item: skipped" "$? $(cat "$dir/err")"
 check "and the known one is tested" "RTC-Status OK" "$(awk '$1 == "RTC-Status" {print $1, $2}' "$dir/out")"
+
+# The kernel watchdog in real time, with a timeout of 1 s: left unfed it
+# resets the board within its timeout and a second; fed and closed, it does not.
+sed -i 's/^wdt_timeout = .*/wdt_timeout = 1/' "$board/vendor/etc/product.ini"
+: >"$board/.board/reboots"
+run watchdog open
+sleep 2
+check "an unfed watchdog resets the board" "watchdog" "$(cat "$board/.board/reboots")"
+for i in 1 2 3 4; do run watchdog feed; sleep 0.5; done
+run watchdog close
+sleep 1.5
+check "fed and closed, it does not" "watchdog" "$(cat "$board/.board/reboots")"
 
 for cmd in fan adc rtc watchdog ir audio volume chips info ps kill net selftest; do
     run $cmd --help >/dev/null 2>&1

@@ -1,5 +1,10 @@
+#include <fcntl.h>
+
+#include <cerrno>
+
 #include <string>
 
+#include "platform/os.h"
 #include "support/board_fixture.h"
 #include "support/ini_text.h"
 #include "vexasdk/product_config.h"
@@ -37,6 +42,31 @@ TEST_F(BlockTest, NamedPartitionsReadBackWhatWasWritten)
     // A zero length goes to the HAL as it is.
     EXPECT_EQ(bi_block_read_screen(0, four, 0), 0);
     EXPECT_THAT(block_log(), IsEmpty());
+}
+
+// A worn partition (the board's knob) fails every write with EIO, whoever
+// writes, and leaves its neighbours and its own reads alone.
+TEST_F(BlockTest, APartitionThatFailsWritesKeepsWhatItHad)
+{
+    ASSERT_EQ(bi_block_write_screen(0, "good", 4), 4);
+    ASSERT_EQ(board().set_knob("partitions.fail_writes", "screen"), 0);
+    errno = 0;
+    EXPECT_LT(bi_block_write_screen(0, "lost", 4), 0);
+    EXPECT_EQ(errno, EIO);
+    const int fd = vexa::os::open("/dev/block/by-name/screen", O_WRONLY);
+    ASSERT_GE(fd, 0);
+    errno = 0;
+    EXPECT_EQ(vexa::os::pwrite(fd, "lost", 4, 0), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(vexa::os::write(fd, "lost", 4), -1);
+    vexa::os::close(fd);
+    EXPECT_EQ(board().read_file("/dev/block/by-name/screen").substr(0, 4), "good");
+    char back[4];
+    EXPECT_EQ(bi_block_read_screen(0, back, 4), 4);
+    EXPECT_EQ(bi_block_write_defined(0, "edid", 4), 4) << "another partition";
+    EXPECT_EQ(board().set_knob("partitions.fail_writes", "screen/x"), -1);
+    ASSERT_EQ(board().set_knob("partitions.fail_writes", ""), 0);
+    EXPECT_EQ(bi_block_write_screen(0, "new!", 4), 4);
 }
 
 TEST_F(BlockTest, HalFailuresPassThroughUnchanged)

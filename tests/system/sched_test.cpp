@@ -2,6 +2,7 @@
 #include <string>
 
 #include "sim/cpu/cpu.h"
+#include "sim/processes.h"
 #include "support/board_fixture.h"
 #include "vexasdk/system.h"
 
@@ -19,6 +20,14 @@ const char kTasks[] = "/dev/cpuset/foreground/tasks";
 
 class SchedTest : public BoardTest {
 protected:
+    // The processes these tests pin, in the board's process table.
+    void SetUp() override
+    {
+        BoardTest::SetUp();
+        for (int pid : {5, 7, 9, 12, 31, 55, 77, 345, 4242})
+            sim::add_board_process(board(), {pid, 1, 1000, 'S', 4096, "player" + std::to_string(pid)});
+    }
+
     std::vector<std::string> sched_log() { return log_of("vexa_system_bi_sched"); }
     std::optional<uint64_t> affinity(int pid) { return sim::cpu_affinity(board(), pid); }
     // The block queue settings that playback tunes.

@@ -3,11 +3,14 @@
 . "$(dirname "$0")/../cli/lib.sh"
 
 # Scheduling: the affinity is board state; the governor goes to both clusters.
-check "sched bind pins to the main cores" "pid 4242: cores 0-3 (mask 0x0f)" "$(run sched bind 4242)"
-check "the board records it" "4242 0xf" "$(grep '^4242 ' "$board/.board/affinity")"
-check "the cpuset lists the process" "4242" "$(cat "$board/dev/cpuset/foreground/tasks")"
-check "sched unbind frees every core" "pid 4242: cores 0-7 (mask 0xff)" "$(run sched unbind 4242)"
-check "sched --json bind" '{"pid":16,"mask":15,"cores":"0-3"}' "$(run --json sched bind 0x10 | tr -d ' \t\n')"
+check "sched bind pins to the main cores" "pid 612: cores 0-3 (mask 0x0f)" "$(run sched bind 612)"
+check "the board records it" "612 0xf" "$(grep '^612 ' "$board/.board/affinity")"
+check "the cpuset lists the process" "612" "$(cat "$board/dev/cpuset/foreground/tasks")"
+check "sched unbind frees every core" "pid 612: cores 0-7 (mask 0xff)" "$(run sched unbind 612)"
+check "sched --json bind" '{"pid":613,"mask":15,"cores":"0-3"}' "$(run --json sched bind 0x265 | tr -d ' \t\n')"
+run sched bind 999999 2>/dev/null
+check "a process the board does not have cannot be pinned" 1 "$(($? != 0))"
+check "and nothing is recorded for it" "" "$(grep '^999999 ' "$board/.board/affinity")"
 out=$(run sched bind 0)
 check "sched bind 0 pins the caller, this vexactl" "pid 0 (this vexactl, pid PID): cores 0-3 (mask 0x0f)" \
     "$(echo "$out" | sed 's/pid [0-9][0-9]*)/pid PID)/')"
