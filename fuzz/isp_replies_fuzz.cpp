@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "mcu/mcu_internal.h"
+#include "nul_parts.h"
 #include "sim/board.h"
 #include "sim/serial/serial_line.h"
 #include "vexasdk/mcu.h"
@@ -34,14 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const auto line = vexa::sim::serial_line(board, kLine);
     if (!line || vexa::mcu::serial_fd() < 0)
         std::abort();
-    std::vector<std::string> parts(3);
-    size_t part = 0;
-    for (size_t i = 0; i < size && part < parts.size(); ++i) {
-        if (data[i] == '\0' && part + 1 < parts.size())
-            ++part;
-        else
-            parts[part] += static_cast<char>(data[i]);
-    }
+    const auto parts = vexa::fuzz::nul_parts(data, size, 3, true);
 
     line->inject(parts[0]);
     ack_startisp();

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "nul_parts.h"
 #include "sim/board.h"
 #include "vexasdk/network.h"
 #include "vexasdk/product_config.h"
@@ -37,15 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         bi_init_product_config();
         return b;
     }();
-    for (auto &part : g_parts)
-        part.clear();
-    size_t part = 0;
-    for (size_t i = 0; i < size && part < g_parts.size(); ++i) {
-        if (data[i] == '\0')
-            ++part;
-        else
-            g_parts[part] += static_cast<char>(data[i]);
-    }
+    g_parts = vexa::fuzz::nul_parts(data, size, g_parts.size());
 
     bi_network_get_ap_channel();
     bi_ip_address_t record;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "nul_parts.h"
 #include "sim/board.h"
 #include "vexasdk/display.h"
 #include "vexasdk/peripherals.h"
@@ -31,14 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         "/sys/module/decoder_common/parameters/debug_vdetect",
         "/sys/module/aml_media/parameters/uvm_open_aipq",
     };
-    std::vector<std::string> parts(paths.size());
-    size_t part = 0;
-    for (size_t i = 0; i < size && part < parts.size(); ++i) {
-        if (data[i] == '\0')
-            ++part;
-        else
-            parts[part] += static_cast<char>(data[i]);
-    }
+    const auto parts = vexa::fuzz::nul_parts(data, size, paths.size());
     for (size_t i = 0; i < paths.size(); ++i)
         if (!paths[i].empty() && paths[i][0] == '/')
             board.write_file(paths[i], parts[i]);

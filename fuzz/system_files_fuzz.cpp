@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "nul_parts.h"
 #include "sim/board.h"
 #include "vexasdk/product_config.h"
 #include "vexasdk/system.h"
@@ -18,14 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         bi_init_product_config();
         return b;
     }();
-    std::vector<std::string> parts(6);
-    size_t part = 0;
-    for (size_t i = 0; i < size && part < parts.size(); ++i) {
-        if (data[i] == '\0')
-            ++part;
-        else
-            parts[part] += static_cast<char>(data[i]);
-    }
+    const auto parts = vexa::fuzz::nul_parts(data, size, 6);
     board.write_file("/sys/devices/platform/fe8a0000.usb2-phy/otg_mode", parts[0]);
     board.write_file("/sys/devices/system/cpu/cpufreq/policy0/scaling_available_governors", parts[1]);
     board.write_file("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq", parts[2]);

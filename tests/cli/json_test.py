@@ -58,9 +58,7 @@ def types_of(command, value, path, exempt):
 
 
 # Texts that are what the board holds, whatever they read like.
-EXEMPT_KEYS = {"value", "text", "contents", "version", "configured", "received", "sent", "hex", "name",
-               "level", "base", "mode", "total_size", "once_size", "tag", "modeline", "meaning", "governor",
-               "available", "otg", "status"}
+EXEMPT_KEYS = {"value", "text", "contents", "version", "configured", "received", "sent", "hex"}
 
 try:
     # The board, and what some commands need first.
