@@ -876,7 +876,15 @@ HostLink::~HostLink()
 
 bool HostLink::connect_locked()
 {
-    for (int attempt = 0; attempt < 3; ++attempt) {
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        if (attempt > 0) {
+            // A host that is leaving (killed, or told to) holds the folder's
+            // lock a moment after it stopped taking clients, and a new one
+            // is "busy" until it has gone: wait for it, a little longer each
+            // time (1.4 s in all).
+            struct timespec pause = {0, 50000000L * attempt};
+            ::nanosleep(&pause, nullptr);
+        }
         sock_ = connect_host(s_.root);
         if (sock_ < 0) {
             // None runs: start one, one starter at a time.
