@@ -92,17 +92,6 @@ void register_seeder(const char *name, std::function<void(Board &)> seed)
     seeders().push_back({name, std::move(seed)});
 }
 
-std::vector<Hook> &process_attachers()
-{
-    static std::vector<Hook> hooks;
-    return hooks;
-}
-
-void register_process_attacher(const char *name, std::function<void(Board &)> attach)
-{
-    process_attachers().push_back({name, std::move(attach)});
-}
-
 void register_attacher(const char *name, std::function<void(Board &)> attach)
 {
     attachers().push_back({name, std::move(attach)});
@@ -464,11 +453,6 @@ void Board::attach()
     }
     owner_ = true;
     // The models live where the board is hosted, set up once.
-    if (!state_->attached_models && (state_->host || state_->link)) {
-        state_->attached_models = true;
-        for (auto &hook : process_attachers())
-            hook.fn(*this);
-    }
     if (state_->host && !state_->host_started) {
         state_->host_started = true;
         for (auto &hook : attachers())

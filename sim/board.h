@@ -174,11 +174,6 @@ class Board;
 //   attaches a board.
 void register_seeder(const char *name, std::function<void(Board &)> seed);
 void register_attacher(const char *name, std::function<void(Board &)> attach);
-// A process attacher runs in every process that attaches the board, host and
-// clients alike, for what can only live in the process that uses it (a
-// umockdev testbed, which libusb reaches through the preload library of its
-// own process). What it registers serves that process only.
-void register_process_attacher(const char *name, std::function<void(Board &)> attach);
 
 class Board {
 public:
@@ -393,11 +388,6 @@ private:
     static const bool VEXA_SIM_CONCAT(vexa_sim_seed_reg_, name) =                              \
         (::vexa::sim::register_seeder(#name, vexa_sim_seed_##name), true);                     \
     static void vexa_sim_seed_##name(::vexa::sim::Board &board)
-#define VEXA_SIM_PROCESS_ATTACHER(name)                                                        \
-    static void vexa_sim_pattach_##name(::vexa::sim::Board &board);                            \
-    static const bool VEXA_SIM_CONCAT(vexa_sim_pattach_reg_, name) =                           \
-        (::vexa::sim::register_process_attacher(#name, vexa_sim_pattach_##name), true);        \
-    static void vexa_sim_pattach_##name(::vexa::sim::Board &board)
 #define VEXA_SIM_ATTACHER(name)                                                                \
     static void vexa_sim_attach_##name(::vexa::sim::Board &board);                             \
     static const bool VEXA_SIM_CONCAT(vexa_sim_attach_reg_, name) =                            \

@@ -876,7 +876,15 @@ HostLink::~HostLink()
 
 bool HostLink::connect_locked()
 {
-    for (int attempt = 0; attempt < 3; ++attempt) {
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        if (attempt > 0) {
+            // A host that is leaving (killed, or told to) holds the folder's
+            // lock a moment after it stopped taking clients, and a new one
+            // is "busy" until it has gone: wait for it, a little longer each
+            // time (1.4 s in all).
+            struct timespec pause = {0, 50000000L * attempt};
+            ::nanosleep(&pause, nullptr);
+        }
         sock_ = connect_host(s_.root);
         if (sock_ < 0) {
             // None runs: start one, one starter at a time.
@@ -889,8 +897,13 @@ bool HostLink::connect_locked()
                 sock_ = connect_host(s_.root);
             }
         }
-        if (sock_ >= 0 && hello_locked())
+        // The host's answer is read when it is first needed: a command that
+        // asks the host nothing does not wait for it.
+        if (sock_ >= 0 && wire::send_message(sock_, wire::Writer().u8(wire::kHello).bytes())) {
+            hello_pending_ = true;
+            generation_ = ++g_generation;
             return true;
+        }
         if (sock_ >= 0)
             ::close(sock_);
         sock_ = -1;
@@ -898,11 +911,24 @@ bool HostLink::connect_locked()
     return false;
 }
 
+bool HostLink::settle_locked()
+{
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (sock_ < 0 && !connect_locked())
+            return false;
+        if (!hello_pending_ || hello_locked())
+            return true;
+        ::close(sock_);
+        sock_ = -1;
+    }
+    return false;
+}
+
 bool HostLink::hello_locked()
 {
+    hello_pending_ = false;
     std::string reply;
-    if (!wire::send_message(sock_, wire::Writer().u8(wire::kHello).bytes()) ||
-        !wire::receive_message(sock_, &reply))
+    if (!wire::receive_message(sock_, &reply))
         return false;
     wire::Reader in(reply);
     host_pid_ = static_cast<pid_t>(in.u32());
@@ -912,8 +938,14 @@ bool HostLink::hello_locked()
         for (uint32_t i = 0; i < n && !in.bad(); ++i)
             set->insert(in.str());
     }
-    generation_ = ++g_generation;
     return !in.bad();
+}
+
+pid_t HostLink::host_pid()
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    settle_locked();
+    return host_pid_;
 }
 
 uint64_t HostLink::generation() const
@@ -922,27 +954,31 @@ uint64_t HostLink::generation() const
     return generation_;
 }
 
-bool HostLink::offers_model(const std::string &board_path) const
+bool HostLink::offers_model(const std::string &board_path)
 {
     std::lock_guard<std::mutex> lock(mu_);
+    settle_locked();
     return models_.count(board_path) != 0;
 }
 
-bool HostLink::offers_command(const std::string &program) const
+bool HostLink::offers_command(const std::string &program)
 {
     std::lock_guard<std::mutex> lock(mu_);
+    settle_locked();
     return commands_.count(program) != 0;
 }
 
-bool HostLink::offers_mount(const std::string &source) const
+bool HostLink::offers_mount(const std::string &source)
 {
     std::lock_guard<std::mutex> lock(mu_);
+    settle_locked();
     return mounts_.count(source) != 0;
 }
 
-bool HostLink::watches(const std::string &board_path) const
+bool HostLink::watches(const std::string &board_path)
 {
     std::lock_guard<std::mutex> lock(mu_);
+    settle_locked();
     return watched_.count(board_path) != 0;
 }
 
@@ -950,13 +986,11 @@ bool HostLink::request(const std::string &message, std::string *reply, int *fd)
 {
     std::lock_guard<std::mutex> lock(mu_);
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (sock_ < 0) {
-            try {
-                if (!connect_locked())
-                    break;
-            } catch (const std::exception &) {
+        try {
+            if (!settle_locked())
                 break;
-            }
+        } catch (const std::exception &) {
+            break;
         }
         if (wire::send_message(sock_, message) && wire::receive_message(sock_, reply, fd))
             return true;

@@ -113,15 +113,15 @@ public:
     HostLink &operator=(const HostLink &) = delete;
 
     pid_t pid() const { return pid_; }
-    pid_t host_pid() const { return host_pid_; }
+    pid_t host_pid();
     // Counts connections across the process: a descriptor opened through an
     // older one is void.
     uint64_t generation() const;
 
-    bool offers_model(const std::string &board_path) const;
-    bool offers_command(const std::string &program) const;
-    bool offers_mount(const std::string &source) const;
-    bool watches(const std::string &board_path) const;
+    bool offers_model(const std::string &board_path);
+    bool offers_command(const std::string &program);
+    bool offers_mount(const std::string &source);
+    bool watches(const std::string &board_path);
 
     // One request and its reply (and a descriptor beside it). A host that has
     // gone is started again once and the request repeated; false when that
@@ -134,7 +134,10 @@ public:
              std::shared_ptr<DeviceModel> *proxy);
 
 private:
+    // Connects (starting a host when none runs) and says hello; the reply
+    // is read by settle_locked, when the link is first used.
     bool connect_locked();
+    bool settle_locked();
     bool hello_locked();
 
     Board::State &s_;
@@ -142,6 +145,7 @@ private:
     mutable std::mutex mu_;
     int sock_ = -1;
     pid_t host_pid_ = 0;
+    bool hello_pending_ = false;
     uint64_t generation_ = 0;
     std::set<std::string> models_, commands_, mounts_, watched_;
 };

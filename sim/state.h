@@ -55,7 +55,6 @@ struct Board::State {
     // models, or reaches them through the host (sim/host.h).
     std::unique_ptr<Host> host;
     std::unique_ptr<HostLink> link;
-    bool attached_models = false; // the process attachers ran
     bool host_started = false;    // the attachers ran and the host listens
     std::unique_ptr<Journal> log_follow; // Board::new_log's cursor
     std::mutex link_mu; // guards link while it is made anew (after a fork)

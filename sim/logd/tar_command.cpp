@@ -7,7 +7,8 @@
 // with exit status 2, as do a missing path and an archive that cannot be
 // written. Paths are resolved beneath the board's root (sim/folder.h): a
 // link is packed as a link, never followed, and one on the way that leads
-// out of the folder is refused.
+// out of the folder is refused. libarchive is loaded when the first archive
+// is written (archive_on_demand.cpp).
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
@@ -189,6 +190,8 @@ CommandResult tar(const vexa::sim::Folder &folder, const std::vector<std::string
         return {kFatal, "tar (child): " + args.file + ": Cannot open: " + std::strerror(errno) +
                             "\ntar: Error is not recoverable: exiting now\n"};
     std::unique_ptr<archive, ArchiveFree> out(archive_write_new());
+    if (!out)
+        return {kFatal, "tar: libarchive (Debian package libarchive13) cannot be loaded\n"};
     if (args.gzip)
         archive_write_add_filter_gzip(out.get());
     archive_write_set_format_gnutar(out.get());

@@ -32,10 +32,11 @@ int open_descriptors()
     return count;
 }
 
-// The process's descriptors once they stop changing: umockdev's worker
-// thread sets a new board's bus up on its own time.
-int descriptors_at_rest()
+// The process's descriptors once the board's bus is up (the host keeps a
+// socket to the bus's helper) and they stop changing.
+int descriptors_at_rest(const sim::Board &board)
 {
+    EXPECT_NE(sim::usb_testbed(board), "");
     int count = open_descriptors();
     for (int same = 0, i = 0; same < 3 && i < 500; ++i) {
         ::usleep(10000);
@@ -46,9 +47,8 @@ int descriptors_at_rest()
     return count;
 }
 
-// The process's descriptors once umockdev's worker thread has let go of a
-// closed device node (it does so on its own time, later under load): at
-// most five seconds.
+// The process's descriptors once the preload library has let go of a
+// closed device node: at most five seconds.
 int descriptors_settled_at(int expected)
 {
     int count = open_descriptors();
@@ -200,7 +200,7 @@ TEST_F(UsbChannelTest, FailedOpensReturnTheirCodeAndLeaveNothingBehind)
     };
     for (const Case &c : cases) {
         with_device(c.settings);
-        const int descriptors = descriptors_at_rest();
+        const int descriptors = descriptors_at_rest(board());
         vexa_usb_port_t port;
         std::memset(&port, 0x5a, sizeof port);
         EXPECT_EQ(bi_usb_open(c.vendor, kProduct, 0xff, 0, kBulk, &port), c.code) << c.settings;
@@ -233,7 +233,7 @@ TEST_F(UsbChannelTest, AKernelDriverIsDetachedBeforeTheSecondClaim)
 
 TEST_F(UsbChannelTest, CloseReleasesEverythingAndIsSafeTwice)
 {
-    const int descriptors = descriptors_at_rest();
+    const int descriptors = descriptors_at_rest(board());
     ASSERT_EQ(bi_usb_open(kVendor, kProduct, 0xff, 0, kBulk, nullptr), 0);
     ASSERT_EQ(bi_usb_open(kVendor, kProduct, 0x0a, 0, kBulk, nullptr), 0);
     EXPECT_TRUE(logged("W/vexa_system_bi_ops_usb_port: bi_usb_open:usb already open, closing it first"));

@@ -97,6 +97,16 @@ check "usb echo hello comes back through libusb" hello "$(run usb echo hello)"
 check "usb echo -- takes text that starts with -" "-n" "$(run usb echo -- -n)"
 run usb echo hello --vendor 0xdead >/dev/null 2>"$dir/err"
 check "no device with those ids" "1 vexactl: opening dead:0001 failed (-1); see 'vexactl log'" "$? $(cat "$dir/err")"
+# The knob usb.device pulls the device's cable, for every process.
+run board fault usb.device=unplugged >/dev/null
+check "the knob is listed as set" '"name":"usb.device","value":"unplugged"' \
+    "$(run --json board fault | tr -d ' \t\n' | grep -o '"name":"usb.device","value":"[a-z]*"')"
+check "unplugged, the device is not on the bus" "" "$(run usb devices | awk 'NR > 1')"
+run usb echo hello >/dev/null 2>"$dir/err"
+check "and echo finds none" "1 vexactl: opening 1209:0001 failed (-1); see 'vexactl log'" "$? $(cat "$dir/err")"
+run board fault usb.device= >/dev/null
+check "plugged again it is at the next address" "1 3 1209:0001" "$(run usb devices | awk 'NR == 2 {print $1, $2, $3}')"
+check "and echoes" hello "$(run usb echo hello)"
 
 for cmd in sched logd usb; do
     run $cmd --help >/dev/null 2>&1

@@ -1,10 +1,10 @@
 // usbdevfs on a umockdev device node. umockdev hands each ioctl of a client
-// (one open of the node) to handle() on its worker thread, with the
-// argument as client memory that resolve() copies in and complete() copies
-// back. A URB is answered at once when it can be (OUT data, IN data already
-// there) and otherwise waits; either way it is reaped later, by pointer, as
-// the kernel does.
-#include "sim/usb/usbdevfs.h"
+// (one open of the node, in any process) to handle() on its worker thread,
+// with the argument as client memory that resolve() copies in and
+// complete() copies back. A URB is answered at once when it can be (OUT data
+// with room in the echo, IN data already there) and otherwise waits; either
+// way it is reaped later, by pointer, as the kernel does.
+#include "sim/usb/bus/usbdevfs.h"
 
 #include <sys/ioctl.h>
 
@@ -37,12 +37,18 @@ usbdevfs_urb *urb_of(const GRef<UMockdevIoctlData> &data)
     return reinterpret_cast<usbdevfs_urb *>(data->data);
 }
 
+size_t length_of(const GRef<UMockdevIoctlData> &data)
+{
+    return static_cast<size_t>(urb_of(data)->buffer_length);
+}
+
 } // namespace
 
-UsbdevfsNode::UsbdevfsNode(std::shared_ptr<BulkDevice> device, int devnum)
-    : device_(std::move(device)), devnum_(devnum), handler_(umockdev_ioctl_base_new())
+UsbdevfsNode::UsbdevfsNode(std::shared_ptr<BulkDevice> device, int devnum, int speed)
+    : device_(std::move(device)), devnum_(devnum), speed_(speed), handler_(umockdev_ioctl_base_new())
 {
     g_signal_connect(handler_.get(), "handle-ioctl", G_CALLBACK(on_ioctl), this);
+    g_signal_connect(handler_.get(), "client-connected", G_CALLBACK(on_connected), this);
     g_signal_connect(handler_.get(), "client-vanished", G_CALLBACK(on_vanished), this);
 }
 
@@ -65,6 +71,29 @@ bool UsbdevfsNode::attach(UMockdevTestbed *testbed, const std::string &devnode)
     return true;
 }
 
+void UsbdevfsNode::unplug()
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    if (gone_)
+        return;
+    gone_ = true;
+    // The host controller ends every URB of a device that has gone.
+    std::vector<Urb> waiting = std::move(waiting_);
+    waiting_.clear();
+    for (Urb &urb : waiting)
+        finish(std::move(urb), -ESHUTDOWN);
+    for (auto &[client, arg] : reapers_)
+        umockdev_ioctl_client_complete(client, -1, ENODEV);
+    reapers_.clear();
+}
+
+size_t UsbdevfsNode::clients()
+{
+    prune();
+    std::lock_guard<std::mutex> lock(mu_);
+    return clients_.size();
+}
+
 gboolean UsbdevfsNode::on_ioctl(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer self)
 {
     auto *node = static_cast<UsbdevfsNode *>(self);
@@ -74,7 +103,9 @@ gboolean UsbdevfsNode::on_ioctl(UMockdevIoctlBase *, UMockdevIoctlClient *client
         std::lock_guard<std::mutex> lock(node->mu_);
         if (node->reap(client, arg))
             return TRUE;
-        if (request == USBDEVFS_REAPURBNDELAY) {
+        if (node->gone_) {
+            umockdev_ioctl_client_complete(client, -1, ENODEV);
+        } else if (request == USBDEVFS_REAPURBNDELAY) {
             umockdev_ioctl_client_complete(client, -1, EAGAIN);
         } else {
             // A blocking reap is answered when one of the client's URBs ends.
@@ -83,6 +114,7 @@ gboolean UsbdevfsNode::on_ioctl(UMockdevIoctlBase *, UMockdevIoctlClient *client
         }
         return TRUE;
     }
+    node->prune();
     const long result = node->handle(client, request, arg);
     if (result < 0)
         umockdev_ioctl_client_complete(client, -1, static_cast<int>(-result));
@@ -91,21 +123,52 @@ gboolean UsbdevfsNode::on_ioctl(UMockdevIoctlBase *, UMockdevIoctlClient *client
     return TRUE;
 }
 
+void UsbdevfsNode::on_connected(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer self)
+{
+    auto *node = static_cast<UsbdevfsNode *>(self);
+    std::lock_guard<std::mutex> lock(node->mu_);
+    g_object_ref(client);
+    node->clients_[client].reset(client);
+}
+
 void UsbdevfsNode::on_vanished(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer self)
 {
     auto *node = static_cast<UsbdevfsNode *>(self);
-    {
-        std::lock_guard<std::mutex> lock(node->mu_);
-        for (auto it = node->waiting_.begin(); it != node->waiting_.end();)
-            it = it->client == client ? node->waiting_.erase(it) : std::next(it);
-        node->finished_.erase(client);
-        node->reapers_.erase(client);
+    std::lock_guard<std::mutex> lock(node->mu_);
+    node->forget_locked(client);
+}
+
+void UsbdevfsNode::prune()
+{
+    std::lock_guard<std::mutex> lock(mu_);
+    std::vector<UMockdevIoctlClient *> gone;
+    for (const auto &[client, ref] : clients_) {
+        if (!umockdev_ioctl_client_get_connected(client))
+            gone.push_back(client);
     }
-    node->device_->client_gone(client);
+    for (auto *client : gone)
+        forget_locked(client);
+}
+
+// A closed open of the node: its URBs go, and its claims.
+void UsbdevfsNode::forget_locked(UMockdevIoctlClient *client)
+{
+    for (auto it = waiting_.begin(); it != waiting_.end();)
+        it = it->client == client ? waiting_.erase(it) : std::next(it);
+    finished_.erase(client);
+    reapers_.erase(client);
+    device_->client_gone(client);
+    clients_.erase(client); // the last reference to the client may go here
 }
 
 long UsbdevfsNode::handle(UMockdevIoctlClient *client, unsigned long request, UMockdevIoctlData *arg)
 {
+    {
+        // usbfs answers nothing but the reaps of a device that has gone.
+        std::lock_guard<std::mutex> lock(mu_);
+        if (gone_)
+            return -ENODEV;
+    }
     switch (request) {
     case USBDEVFS_GET_CAPABILITIES: {
         auto caps = resolve(arg, 0, sizeof(uint32_t));
@@ -152,11 +215,11 @@ long UsbdevfsNode::handle(UMockdevIoctlClient *client, unsigned long request, UM
             return -EFAULT;
         auto *info = reinterpret_cast<usbdevfs_connectinfo *>(data->data);
         info->devnum = static_cast<unsigned>(devnum_);
-        info->slow = 0;
+        info->slow = 0; // low speed only
         return 0;
     }
     case USBDEVFS_GET_SPEED:
-        return USB_SPEED_HIGH;
+        return speed_ == 480 ? USB_SPEED_HIGH : USB_SPEED_FULL;
     case USBDEVFS_SUBMITURB: {
         std::lock_guard<std::mutex> lock(mu_);
         return submit(client, arg);
@@ -184,43 +247,33 @@ long UsbdevfsNode::submit(UMockdevIoctlClient *client, UMockdevIoctlData *arg)
     const usbdevfs_urb *urb = urb_of(data);
     if (urb->buffer_length < 0)
         return -EINVAL;
+    const unsigned endpoint = urb->endpoint;
+    const int type = urb->type;
+    // Control requests (string descriptors and the like) stall: the device
+    // answers none. They need no claim.
+    if (type != USBDEVFS_URB_TYPE_CONTROL) {
+        const int rc = device_->check_transfer(client, endpoint, type);
+        if (rc < 0)
+            return rc;
+    }
     GRef<UMockdevIoctlData> buffer;
     if (urb->buffer_length > 0) {
-        buffer = resolve(data.get(), offsetof(usbdevfs_urb, buffer), static_cast<size_t>(urb->buffer_length));
+        buffer = resolve(data.get(), offsetof(usbdevfs_urb, buffer), length_of(data));
         if (!buffer)
             return -EFAULT;
     }
-    const unsigned endpoint = urb->endpoint;
-    const size_t length = static_cast<size_t>(urb->buffer_length);
-    const int type = urb->type;
     Urb held{std::move(data), std::move(buffer), client, endpoint};
-    // Control requests (string descriptors and the like) stall: the device
-    // answers none.
     if (type == USBDEVFS_URB_TYPE_CONTROL) {
-        finish(std::move(held), -EPIPE, 0);
-        return 0;
-    }
-    const int kind = device_->endpoint_type(endpoint);
-    if (kind < 0)
-        return kind;
-    const bool matches = (type == USBDEVFS_URB_TYPE_BULK && kind == 2) ||
-                         (type == USBDEVFS_URB_TYPE_INTERRUPT && kind == 3);
-    if (!matches)
-        return -EINVAL;
-    if (!(endpoint & USB_DIR_IN)) {
-        if (length > 0)
-            device_->receive(endpoint, held.buffer->data, length);
-        finish(std::move(held), 0, length);
-        feed_waiting_in(endpoint | USB_DIR_IN);
+        finish(std::move(held), -EPIPE);
         return 0;
     }
     waiting_.push_back(std::move(held));
-    feed_waiting_in(endpoint);
+    pump(endpoint & 0x0f);
     return 0;
 }
 
 // A URB is cancelled by its address in the client's memory; it then ends
-// with -ENOENT, to be reaped like any other.
+// with -ENOENT and what it moved so far, to be reaped like any other.
 long UsbdevfsNode::discard(UMockdevIoctlClient *client, UMockdevIoctlData *arg)
 {
     unsigned long address = 0;
@@ -228,19 +281,22 @@ long UsbdevfsNode::discard(UMockdevIoctlClient *client, UMockdevIoctlData *arg)
     for (auto it = waiting_.begin(); it != waiting_.end(); ++it) {
         if (it->client == client && it->urb->client_addr == address) {
             Urb urb = std::move(*it);
+            const unsigned number = urb.endpoint & 0x0f;
             waiting_.erase(it);
-            finish(std::move(urb), -ENOENT, 0);
+            finish(std::move(urb), -ENOENT);
+            // An OUT transfer that gave up lets the next one in.
+            pump(number);
             return 0;
         }
     }
     return -EINVAL;
 }
 
-void UsbdevfsNode::finish(Urb urb, int status, size_t actual)
+void UsbdevfsNode::finish(Urb urb, int status)
 {
     usbdevfs_urb *raw = urb_of(urb.urb);
     raw->status = status;
-    raw->actual_length = static_cast<int>(actual);
+    raw->actual_length = static_cast<int>(urb.done);
     if (status == 0 && (raw->type == USBDEVFS_URB_TYPE_BULK || raw->type == USBDEVFS_URB_TYPE_INTERRUPT))
         device_->count_transfer();
     UMockdevIoctlClient *client = urb.client;
@@ -253,19 +309,42 @@ void UsbdevfsNode::finish(Urb urb, int status, size_t actual)
     }
 }
 
-// IN URBs on endpoint take what its OUT twin has received, oldest first.
-void UsbdevfsNode::feed_waiting_in(unsigned endpoint)
+// OUT URBs of the pair fill the echo in the order they came, each whole
+// before the next; IN URBs take what the echo holds, oldest first.
+void UsbdevfsNode::pump(unsigned number)
 {
-    for (auto it = waiting_.begin(); it != waiting_.end() && device_->has_data(endpoint);) {
-        if (it->endpoint != endpoint) {
-            ++it;
-            continue;
+    for (bool moved = true; moved;) {
+        moved = false;
+        bool out_blocked = false; // an OUT URB waits for room: the later ones wait behind it
+        for (auto it = waiting_.begin(); it != waiting_.end();) {
+            const bool in = (it->endpoint & USB_DIR_IN) != 0;
+            if ((it->endpoint & 0x0f) != number || (!in && out_blocked)) {
+                ++it;
+                continue;
+            }
+            const size_t length = length_of(it->urb);
+            uint8_t *bytes = it->buffer ? it->buffer->data : nullptr;
+            if (!in) {
+                const size_t n = length ? device_->take(it->endpoint, bytes + it->done, length - it->done) : 0;
+                it->done += n;
+                moved = moved || n > 0;
+                if (it->done < length) {
+                    out_blocked = true;
+                    ++it;
+                    continue;
+                }
+            } else if (length > 0) {
+                if (!device_->has_data(it->endpoint)) {
+                    ++it;
+                    continue;
+                }
+                it->done = device_->give(it->endpoint, bytes, length);
+                moved = true;
+            }
+            Urb urb = std::move(*it);
+            it = waiting_.erase(it);
+            finish(std::move(urb), 0);
         }
-        Urb urb = std::move(*it);
-        it = waiting_.erase(it);
-        const size_t length = static_cast<size_t>(urb_of(urb.urb)->buffer_length);
-        const size_t n = urb.buffer ? device_->send(endpoint, urb.buffer->data, length) : 0;
-        finish(std::move(urb), 0, n);
     }
 }
 

@@ -1,8 +1,11 @@
 // The usbdevfs ioctls of one device node, answered by a device model through
 // umockdev: libusb's claims, kernel-driver calls and URBs reach the
-// BulkDevice; completed URBs wait for their submitter to reap them.
-#ifndef VEXA_SIM_USB_USBDEVFS_H
-#define VEXA_SIM_USB_USBDEVFS_H
+// BulkDevice; completed URBs wait for their submitter to reap them. Once the
+// device is unplugged the node answers as usbfs does for a device gone: its
+// URBs end with -ESHUTDOWN, and every call after their reap fails with
+// ENODEV.
+#ifndef VEXA_SIM_USB_BUS_USBDEVFS_H
+#define VEXA_SIM_USB_BUS_USBDEVFS_H
 
 #include <umockdev.h>
 
@@ -13,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/usb/bulk_device.h"
+#include "sim/usb/bus/bulk_device.h"
 
 namespace vexa::sim {
 
@@ -25,7 +28,7 @@ template <typename T> using GRef = std::unique_ptr<T, GObjectUnref<T>>;
 
 class UsbdevfsNode {
 public:
-    UsbdevfsNode(std::shared_ptr<BulkDevice> device, int devnum);
+    UsbdevfsNode(std::shared_ptr<BulkDevice> device, int devnum, int speed);
     ~UsbdevfsNode();
     UsbdevfsNode(const UsbdevfsNode &) = delete;
     UsbdevfsNode &operator=(const UsbdevfsNode &) = delete;
@@ -34,16 +37,27 @@ public:
     // node is destroyed. False when umockdev refuses.
     bool attach(UMockdevTestbed *testbed, const std::string &devnode);
 
+    // The device left the bus.
+    void unplug();
+    // Forgets the opens of the node that have been closed, with their URBs
+    // and claims (umockdev tells of a close only through the client).
+    void prune();
+    // Opens of the node that are still open.
+    size_t clients();
+
 private:
     struct Urb {
         GRef<UMockdevIoctlData> urb;
         GRef<UMockdevIoctlData> buffer; // null for an empty transfer
         UMockdevIoctlClient *client;
         unsigned endpoint;
+        size_t done = 0; // bytes moved so far
     };
 
     static gboolean on_ioctl(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer self);
+    static void on_connected(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer self);
     static void on_vanished(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer self);
+    void forget_locked(UMockdevIoctlClient *client);
 
     // Each returns the ioctl's result, or a negative errno.
     long handle(UMockdevIoctlClient *client, unsigned long request, UMockdevIoctlData *arg);
@@ -51,17 +65,22 @@ private:
     long discard(UMockdevIoctlClient *client, UMockdevIoctlData *arg);
     // Completes the reap of client's oldest finished URB; false when none.
     bool reap(UMockdevIoctlClient *client, UMockdevIoctlData *arg);
-    void finish(Urb urb, int status, size_t actual);
-    void feed_waiting_in(unsigned endpoint);
+    void finish(Urb urb, int status);
+    // Moves what can move between the waiting URBs of one endpoint pair and
+    // the device's echo.
+    void pump(unsigned number);
 
     std::shared_ptr<BulkDevice> device_;
     int devnum_;
+    int speed_;
     GRef<UMockdevIoctlBase> handler_;
     UMockdevTestbed *testbed_ = nullptr; // not owned
     std::string devnode_;
 
-    std::mutex mu_; // the URB lists; ioctls arrive on umockdev's worker thread
-    std::vector<Urb> waiting_; // IN URBs waiting for data
+    mutable std::mutex mu_; // everything below; ioctls arrive on umockdev's worker thread
+    bool gone_ = false;
+    std::map<UMockdevIoctlClient *, GRef<UMockdevIoctlClient>> clients_; // a reference each
+    std::vector<Urb> waiting_; // URBs the device has not finished, oldest first
     std::map<UMockdevIoctlClient *, std::deque<Urb>> finished_;
     // Blocking reaps waiting for a URB to finish, with their argument.
     std::map<UMockdevIoctlClient *, GRef<UMockdevIoctlData>> reapers_;
